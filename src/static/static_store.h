@@ -39,3 +39,6 @@ int static_mac_qv(const ap_info *records, int32_t count);
 // Reads a MAC text of ":"-separated hexadecimal groups into out (low 8 bits of each group).
 // Returns 0 when accepted, -1 when the text is refused (out is then left untouched).
 int parse_mac_text(const char *text, mac_addr &out);
+
+// A new zero-filled node, state static offline; released with delete (the list does so).
+static_member *static_member_new();
