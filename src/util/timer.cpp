@@ -4,7 +4,6 @@
 #include <signal.h>
 #include <sys/time.h>
 
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -376,10 +375,10 @@ void timer_service_destroy() {
     // The thread was detached at start and cannot be joined: its cleanup handler reports its
     // end under timer_lock. It is cancelled only while it waits, never inside a callback.
     pthread_mutex_lock(&timer_lock);
-    pthread_cancel(timer_tid);
     if (timer_phase != timer_thread_phase::ended) {
-        // Ends a wait in sigwait (a condition wait ends by the cancellation itself). The
-        // thread cannot be gone yet: its cleanup handler needs the lock held here.
+        // The thread cannot be gone while the lock is held here: its cleanup handler needs it.
+        pthread_cancel(timer_tid);
+        // Ends a wait in sigwait; a condition wait ends by the cancellation itself.
         pthread_kill(timer_tid, SIGALRM);
     }
     while (timer_phase != timer_thread_phase::ended) {

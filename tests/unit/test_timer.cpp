@@ -414,6 +414,51 @@ TEST_F(TimerTest, DestroyFreesPendingTimersAndServiceStartsAfresh) {
     EXPECT_EQ(log_.tags(), std::vector<int>{2});
 }
 
+// A callback that holds the timer thread until the test lets it go.
+struct Gate {
+    std::mutex mutex;
+    std::condition_variable changed;
+    bool entered = false;
+    bool released = false;
+    bool finished = false;
+};
+Gate *held_gate = nullptr;
+
+void hold_at_gate(void *) {
+    Gate &gate = *held_gate;
+    std::unique_lock<std::mutex> lock(gate.mutex);
+    gate.entered = true;
+    gate.changed.notify_all();
+    // A condition wait is a cancellation point: a stop request must not end the callback here.
+    gate.changed.wait_for(lock, FIRE_DEADLINE, [&] { return gate.released; });
+    gate.finished = gate.released;
+}
+
+TEST_F(TimerTest, DestroyLetsRunningCallbackFinish) {
+    static Gate gate;
+    held_gate = &gate;
+    ASSERT_NE(timer_add(1, 0, hold_at_gate, nullptr), TIMER_ADD_FAILED);
+    {
+        std::unique_lock<std::mutex> lock(gate.mutex);
+        ASSERT_TRUE(gate.changed.wait_for(lock, FIRE_DEADLINE, [&] { return gate.entered; }));
+    }
+    // Released while timer_service_destroy waits for the thread (or, on a slow machine,
+    // before it starts waiting: the test then proves less but still holds).
+    std::thread releaser([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        std::lock_guard<std::mutex> guard(gate.mutex);
+        gate.released = true;
+        gate.changed.notify_all();
+    });
+    timer_service_destroy();
+    releaser.join();
+    {
+        std::lock_guard<std::mutex> guard(gate.mutex);
+        EXPECT_TRUE(gate.finished);
+    }
+    ASSERT_EQ(timer_service_init(), 1);
+}
+
 TEST_F(TimerTest, AlarmSignalIsBlockedInCallingThread) {
     sigset_t current;
     ASSERT_EQ(pthread_sigmask(SIG_BLOCK, nullptr, &current), 0);
