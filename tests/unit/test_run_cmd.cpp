@@ -1,11 +1,10 @@
 #include <gtest/gtest.h>
-#include <sys/resource.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <string>
 
 #include "core/settings.h"
+#include "sandbox.h"
 #include "util/run_cmd.h"
 
 namespace {
@@ -59,20 +58,12 @@ TEST(RunCmd, ReleasesPopenLockOnReturn) {
     popen_lock.unlock();
 }
 
-// Leaves no file descriptor free, so popen cannot create its pipe.
-void exhaust_descriptors() {
-    int lowest_free = dup(0);
-    close(lowest_free);
-    rlimit limit{static_cast<rlim_t>(lowest_free), static_cast<rlim_t>(lowest_free)};
-    setrlimit(RLIMIT_NOFILE, &limit);
-}
-
 TEST(RunCmdDeathTest, PopenFailureLogsAndGivesEmptyResult) {
     EXPECT_EXIT(
         {
             setenv("TARN_LOG_STDERR", "1", 1);
             tarn_debug = 1;
-            exhaust_descriptors();
+            sandbox::exhaust_descriptors();
             char buf[8] = "stale";
             int count = run_cmd("echo 1", buf, sizeof buf);
             bool zeroed = buf[0] == 0 && buf[7] == 0;
