@@ -55,18 +55,18 @@ TEST(IsVapName, AgreesWithEgrepOnInterfaceNames) {
     EXPECT_FALSE(is_vap_name(nullptr));
 }
 
-TEST(SysinfoRadios, RadioCountFromSpecOrDevices) {
+TEST(SysinfoRadios, RadioCountFromPlatformCountOrDevices) {
     SKIP_UNLESS_ROOT();
     std::string result = sandbox::run_in_sandbox([] {
         std::string report;
-        const char *spec_uci =
-            "[ \"$*\" = '-c /etc/.system/ get spec.wifi.count' ] && cat /tmp/spec_count";
-        sandbox::install_command("uci", spec_uci);
-        for (const char *spec : {"2", "6", "5", "3"}) {
-            sandbox::write_file("/tmp/spec_count", std::string(spec) + "\n");
-            report += std::string(spec) + "->" + std::to_string(get_radio_count()) + " ";
+        const char *count_uci =
+            "[ \"$*\" = '-c /etc/.system/ get spec.wifi.count' ] && cat /tmp/wifi_count";
+        sandbox::install_command("uci", count_uci);
+        for (const char *count : {"2", "6", "5", "3"}) {
+            sandbox::write_file("/tmp/wifi_count", std::string(count) + "\n");
+            report += std::string(count) + "->" + std::to_string(get_radio_count()) + " ";
         }
-        unlink("/tmp/spec_count");  // uci prints nothing now
+        unlink("/tmp/wifi_count");  // uci prints nothing now
         report += "none->" + std::to_string(get_radio_count()) + " ";
         sandbox::sh("ip link add wifi0 type veth peer name wifi1");
         report += "two-wifi->" + std::to_string(get_wifi_dev_count()) + "/" +
