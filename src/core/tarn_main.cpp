@@ -1,3 +1,103 @@
 #include "core/tarn_main.h"
 
-int tarn_main(int, char **) { return 0; }
+#include <pthread.h>
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "core/cmdline.h"
+#include "core/main_loop.h"
+#include "core/settings.h"
+#include "core/sockets.h"
+#include "static/client_requests.h"
+#include "sysinfo/self_ap.h"
+#include "util/log.h"
+
+namespace {
+
+constexpr size_t THREAD_STACK_SIZE = 3 * 1024 * 1024;
+
+void run_client_request(const cmdline_decision &decision) {
+    switch (decision.request) {
+        case client_request::set_rssi:
+            tarn_set_rssi(decision.value);
+            break;
+        case client_request::set_version:
+            tarn_set_version(decision.value);
+            break;
+        case client_request::set_count:
+            tarn_set_dynamic_ngbr_num(decision.value);
+            break;
+        case client_request::get_rssi:
+            tarn_get_rssi();
+            break;
+        case client_request::static_update:
+            tarn_update_static();
+            break;
+        case client_request::show:
+            break;
+    }
+}
+
+}  // namespace
+
+int parse_args(int argc, char **argv) {
+    cmdline_decision decision = parse_cmdline(argc, argv);
+    switch (decision.outcome) {
+        case cmdline_outcome::run_daemon:
+            return decision.had_arguments ? 0 : 1;
+        case cmdline_outcome::exit_now:
+            exit(decision.exit_status);
+        case cmdline_outcome::client:
+            run_client_request(decision);
+            exit(0);
+    }
+    return 0;
+}
+
+int create_thread(pthread_t *thread, void *(*start)(void *), void *arg) {
+    if (thread == nullptr) {
+        return 0;
+    }
+    pthread_attr_t attr;
+    if (pthread_attr_init(&attr) != 0) {
+        return 0;
+    }
+    int ok = pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED) == 0 &&
+             pthread_attr_setstacksize(&attr, THREAD_STACK_SIZE) == 0 &&
+             pthread_create(thread, &attr, start, arg) == 0;
+    pthread_attr_destroy(&attr);
+    return ok ? 1 : 0;
+}
+
+void init_timers() {}
+
+void tarn_init() {
+    {
+        std::lock_guard<std::mutex> guard(self_ap_lock);
+        memset(&self_ap, 0, sizeof self_ap);
+    }
+    TARN_DBG("tarn init\n");
+    tarn_socket_init();
+    tarn_socket6_init();
+    init_timers();
+}
+
+int tarn_main(int argc, char **argv) {
+    umask(0);
+    parse_args(argc, argv);
+    // The main loop takes SIGINT and SIGTERM; no other thread may.
+    block_stop_signals();
+    tarn_init();
+    TARN_DBG("init ok!\n");
+
+    pthread_t receiver;
+    if (create_thread(&receiver, recv_thread, nullptr) == 0) {
+        TARN_ERR("%s: Create receive thread failed\n", "main");
+        exit(1);
+    }
+    run_main_loop();
+    return 0;
+}

@@ -36,4 +36,6 @@ sockaddr_nl driver_dest_addr() {
     return addr;
 }
 
-int driver_socket_open() { return socket(AF_NETLINK, SOCK_RAW, driver_netlink_protocol()); }
+int driver_socket_open() {
+    return socket(AF_NETLINK, SOCK_RAW, driver_netlink_protocol());
+}

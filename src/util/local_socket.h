@@ -8,9 +8,9 @@
 
 // Address kinds of RecvMsg: the length of the source-address buffer handed to recvfrom.
 enum recv_addr_kind : int {
-    RECV_ADDR_LOCAL = 0,  // sockaddr_un, 110 bytes (any value other than 1..3)
-    RECV_ADDR_IPV4 = 1,   // sockaddr_in, 16 bytes
-    RECV_ADDR_IPV6 = 2,   // sockaddr_in6, 28 bytes
+    RECV_ADDR_LOCAL = 0,    // sockaddr_un, 110 bytes (any value other than 1..3)
+    RECV_ADDR_IPV4 = 1,     // sockaddr_in, 16 bytes
+    RECV_ADDR_IPV6 = 2,     // sockaddr_in6, 28 bytes
     RECV_ADDR_NETLINK = 3,  // sockaddr_nl, 12 bytes
 };
 

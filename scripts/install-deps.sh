@@ -1,0 +1,32 @@
+#!/usr/bin/env bash
+# Installs what building and testing tarn needs on Debian 12. Idempotent; quick when all is there.
+set -euo pipefail
+
+PACKAGES=(
+    build-essential cmake pkg-config g++ clang libclang-rt-14-dev clang-format
+    libjson-c-dev libcjson-dev
+    libgtest-dev libgmock-dev googletest libbenchmark-dev
+    python3 python3-pytest
+    iproute2 util-linux procps
+)
+
+missing=()
+for package in "${PACKAGES[@]}"; do
+    if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed"; then
+        missing+=("$package")
+    fi
+done
+if [ ${#missing[@]} -eq 0 ]; then
+    exit 0
+fi
+
+SUDO=""
+if [ "$(id -u)" -ne 0 ]; then
+    SUDO="sudo"
+fi
+echo "installing: ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+if ! $SUDO apt-get install -y --no-install-recommends "${missing[@]}"; then
+    $SUDO apt-get update
+    $SUDO apt-get install -y --no-install-recommends "${missing[@]}"
+fi

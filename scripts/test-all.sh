@@ -1,0 +1,36 @@
+#!/usr/bin/env bash
+# The whole test suite: unit tests (plain, ASan+UBSan, TSan for the concurrency tests), the
+# system tests in network namespaces (root only; skipped with a reason otherwise) and the
+# bounded fuzz runs of the protocol decoders.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+JOBS=$(nproc)
+
+scripts/install-deps.sh
+
+step() { printf '\n==== %s\n' "$*"; }
+
+step "build and unit tests"
+cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARN_BUILD_BENCH=ON >/dev/null
+make -C build -j"$JOBS" --no-print-directory
+ctest --test-dir build --output-on-failure -j"$JOBS"
+
+step "unit tests under AddressSanitizer and UndefinedBehaviorSanitizer"
+cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DTARN_SANITIZE=address,undefined >/dev/null
+make -C build-asan -j"$JOBS" --no-print-directory
+ctest --test-dir build-asan --output-on-failure -j"$JOBS"
+
+step "concurrency tests under ThreadSanitizer"
+cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DTARN_SANITIZE=thread >/dev/null
+make -C build-tsan -j"$JOBS" --no-print-directory
+ctest --test-dir build-tsan --output-on-failure -j"$JOBS" -R 'Stress|Concurrent|Timer'
+
+step "system tests"
+TARN_BUILD_DIR="$PWD/build" /usr/bin/python3 -m pytest -q -rs tests/system
+
+if [ -x scripts/run-fuzz.sh ]; then
+    step "fuzzing"
+    scripts/run-fuzz.sh
+fi
+
+step "all tests passed"

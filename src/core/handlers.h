@@ -1,0 +1,11 @@
+// Handlers of the receive thread; each reads exactly one datagram from its socket.
+#pragma once
+
+// A driver event on sock_recv_hand.
+void hand_receive();
+
+// An nbcp datagram on sock (IPv4 or IPv6); kind is the RecvMsg address kind.
+void nbcp_receive(int sock, int kind);
+
+// A local control message on sock_recv_local.
+void local_receive();

@@ -1,0 +1,28 @@
+// Local control messages: the 8-byte header every request and answer begins with.
+#pragma once
+
+#include <cstdint>
+
+struct local_msg_hdr {
+    uint8_t value;  // argument of the set requests; 0 otherwise
+    uint8_t reserved1[3];
+    uint16_t op;  // host byte order
+    uint8_t reserved2[2];
+};
+static_assert(sizeof(local_msg_hdr) == 8, "local_msg_hdr is 8 bytes on the wire");
+
+enum tarn_msg_op : uint16_t {
+    TARN_MSG_NGBR_INFO = 1,
+    TARN_MSG_DUMP_NGBR = 2,
+    TARN_MSG_DUMP_CLUSTER = 3,
+    TARN_MSG_SET_RSSI = 4,
+    TARN_MSG_GET_RSSI = 5,
+    TARN_MSG_ADD_MAC = 6,
+    TARN_MSG_DEL_MAC = 7,
+    TARN_MSG_DUMP_STATIC = 8,
+    TARN_MSG_UPDATE_STATIC = 9,
+    TARN_MSG_DUMP_IP = 10,
+    TARN_MSG_SET_VERSION = 11,
+    TARN_MSG_SET_NGBR_NUM = 12,
+    TARN_MSG_LIST_REPLY = 51,
+};
