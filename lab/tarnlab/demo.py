@@ -1,5 +1,6 @@
 """`lab demo`: four APs find each other; AP 1's tables are printed; everything is removed."""
 
+import os
 import sys
 import time
 
@@ -14,29 +15,42 @@ def _progress(status, elapsed, total):
     return f"[{elapsed:4.1f}s] waiting for discovery: {'  '.join(parts)}"
 
 
+def _remove_abandoned(name):
+    """Removes a demo lab whose demo process was killed before it could clean up."""
+    try:
+        old = Lab.load(name)
+    except (LabError, ValueError, KeyError):
+        return
+    if old.owner_pid and not nsutil.pid_alive(old.owner_pid):
+        old.down()
+
+
 def run_demo(count=4, timeout=60.0, name="demo", build_dir=None, out=sys.stdout):
     if not nsutil.is_root():
         print("lab demo: needs root to create network and mount namespaces; "
               "run it with sudo (or as root)", file=sys.stderr)
         return 1
     tty = out.isatty()
-    lab = Lab(count, name=name, build_dir=build_dir)
+    _remove_abandoned(name)
+    lab = Lab(count, name=name, build_dir=build_dir, owner_pid=os.getpid())
     print(f"Starting {count} virtual APs (lab '{name}') ...", file=out, flush=True)
     try:
         lab.up(progress=lambda text: print(f"  {text}", file=out, flush=True))
         peers = count - 1
         start = time.monotonic()
-        last_line = ""
+        last_counts, last_print = None, 0.0
         while True:
             status = lab.discovery_status()
             elapsed = time.monotonic() - start
             line = _progress(status, elapsed, peers)
+            counts = [len(problems) for problems in status.values()]
             if tty:
                 out.write("\r\033[K" + line)
                 out.flush()
-            elif line != last_line and int(elapsed) % 5 == 0:
+            elif counts != last_counts or elapsed - last_print >= 5:
+                # Without a terminal: a line when something changed, else every 5 s.
                 print(line, file=out, flush=True)
-            last_line = line
+                last_counts, last_print = counts, elapsed
             if not any(status.values()):
                 if tty:
                     out.write("\r\033[K")

@@ -636,6 +636,24 @@ class Lab:
         return missing
 
 
+    def wait_discovered(self, timeout=30.0, complete=("name", "version"), interval=0.5):
+        """Waits until discovery_status() reports nothing missing; raises LabError naming
+        what is still missing when `timeout` passes or a daemon ends."""
+        deadline = time.monotonic() + timeout
+        while True:
+            status = self.discovery_status(complete)
+            if not any(status.values()):
+                return
+            dead = [f"{ap.name} ({ap.daemon_status()})" for ap in self.aps
+                    if not ap.daemon_running()]
+            if dead or time.monotonic() > deadline:
+                missing = "; ".join(f"{name}: {', '.join(problems)}"
+                                    for name, problems in status.items() if problems)
+                why = f"tarn ended in {', '.join(dead)}" if dead else f"{timeout}s passed"
+                raise LabError(f"discovery incomplete ({why}): {missing}")
+            time.sleep(interval)
+
+
 # Labs built by this process and not yet torn down; ended at exit whatever happens.
 _live_labs = []
 
