@@ -416,16 +416,19 @@ class Lab:
         return lab
 
     @contextlib.contextmanager
-    def _locked(self, remove_after=False):
-        """Serialises up and down of labs of the same name (several commands may race)."""
+    def _locked(self):
+        """Serialises up and down of labs of the same name (several commands may race). The
+        lock file goes when the lab is gone."""
         os.makedirs(STATE_ROOT, exist_ok=True)
         path = os.path.join(STATE_ROOT, f"{self.name}.lock")
         with open(path, "w") as lock:
             fcntl.flock(lock, fcntl.LOCK_EX)
-            yield
-            if remove_after:
-                with contextlib.suppress(FileNotFoundError):
-                    os.unlink(path)
+            try:
+                yield
+            finally:
+                if not self.is_up:
+                    with contextlib.suppress(FileNotFoundError):
+                        os.unlink(path)
 
     def leftovers(self):
         """Namespaces and state of this lab's name that exist now."""
@@ -572,7 +575,7 @@ class Lab:
     def down(self):
         """Stops everything of this lab and removes its namespaces and state. Safe to call
         more than once and on a lab that was only partly built."""
-        with self._locked(remove_after=True):
+        with self._locked():
             self._teardown()
 
     def _teardown(self):
