@@ -14,6 +14,7 @@
 #include "static/client_requests.h"
 #include "sysinfo/self_ap.h"
 #include "util/log.h"
+#include "util/timer.h"
 
 namespace {
 
@@ -72,7 +73,10 @@ int create_thread(pthread_t *thread, void *(*start)(void *), void *arg) {
     return ok ? 1 : 0;
 }
 
-void init_timers() {}
+void init_timers() {
+    // A failed start is not fatal: the daemon still serves, only the periodic jobs never fire.
+    timer_service_init();
+}
 
 void tarn_init() {
     {
