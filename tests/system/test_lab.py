@@ -5,7 +5,6 @@ import signal
 import socket
 import subprocess
 import sys
-import time
 
 import pytest
 
