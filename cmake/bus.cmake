@@ -1,0 +1,43 @@
+# The daemon's bus service.
+#
+# TARN_BUS=auto (default) uses the platform's ubus when libubox, libubus and libblobmsg_json and
+# their headers are all found (as in an OpenWrt SDK build, where the toolchain file points the
+# search at the staging directory); otherwise the daemon serves its own embedded bus and the
+# tarn-bus command is built. TARN_BUS=ubus insists on the platform's bus, TARN_BUS=embedded
+# never looks for it.
+set(TARN_BUS "auto" CACHE STRING "Bus service: auto, ubus or embedded")
+set_property(CACHE TARN_BUS PROPERTY STRINGS auto ubus embedded)
+
+set(TARN_HAVE_UBUS OFF)
+if(NOT TARN_BUS STREQUAL "embedded")
+  # The SDK ships no pkg-config files for these; pkg-config is asked first where it has them.
+  if(PkgConfig_FOUND)
+    pkg_check_modules(TARN_PC_UBOX QUIET libubox)
+    pkg_check_modules(TARN_PC_UBUS QUIET libubus)
+  endif()
+  find_path(UBOX_INCLUDE_DIR libubox/uloop.h HINTS ${TARN_PC_UBOX_INCLUDE_DIRS})
+  find_path(UBUS_INCLUDE_DIR libubus.h HINTS ${TARN_PC_UBUS_INCLUDE_DIRS})
+  find_library(UBOX_LIBRARY ubox HINTS ${TARN_PC_UBOX_LIBRARY_DIRS})
+  find_library(UBUS_LIBRARY ubus HINTS ${TARN_PC_UBUS_LIBRARY_DIRS})
+  find_library(BLOBMSG_JSON_LIBRARY blobmsg_json HINTS ${TARN_PC_UBOX_LIBRARY_DIRS})
+  if(UBOX_INCLUDE_DIR AND UBUS_INCLUDE_DIR AND UBOX_LIBRARY AND UBUS_LIBRARY
+     AND BLOBMSG_JSON_LIBRARY)
+    set(TARN_HAVE_UBUS ON)
+  elseif(TARN_BUS STREQUAL "ubus")
+    message(FATAL_ERROR "TARN_BUS=ubus, but libubox, libubus or libblobmsg_json is missing")
+  endif()
+endif()
+
+if(TARN_HAVE_UBUS)
+  message(STATUS "Bus service: platform ubus (${UBUS_LIBRARY})")
+  target_sources(tarn_core PRIVATE ${CMAKE_SOURCE_DIR}/src/ubus/binding_ubus.cpp)
+  # System headers: their warnings are theirs, not ours to fail the build on.
+  target_include_directories(tarn_core SYSTEM PUBLIC ${UBOX_INCLUDE_DIR} ${UBUS_INCLUDE_DIR})
+  target_link_libraries(tarn_core PUBLIC ${UBUS_LIBRARY} ${BLOBMSG_JSON_LIBRARY} ${UBOX_LIBRARY})
+  target_compile_definitions(tarn_core PUBLIC TARN_HAVE_UBUS)
+else()
+  message(STATUS "Bus service: embedded bus, with the tarn-bus command")
+  target_sources(tarn_core PRIVATE ${CMAKE_SOURCE_DIR}/src/ubus/binding_embedded.cpp)
+  add_executable(tarn-bus ${CMAKE_SOURCE_DIR}/src/ubus/tarn_bus_main.cpp)
+  target_link_libraries(tarn-bus PRIVATE tarn_core)
+endif()

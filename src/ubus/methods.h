@@ -1,0 +1,63 @@
+// The methods of the bus object "tarn" and its configuration-reload event, over json-c values.
+//
+// Every transport (the platform's ubus binding, the embedded bus) turns an incoming request into
+// a JSON object and hands it to these handlers; only the transport differs between the two.
+#pragma once
+
+#include <json-c/json.h>
+
+#include <cstddef>
+
+#include "ubus/json_ref.h"
+#include "ubus/policy.h"
+
+// Handler statuses besides 0 (a reply was produced).
+constexpr int METHOD_PARSE_FAILED = -1;  // the request did not parse against the policy
+constexpr int METHOD_NO_JSON_TEXT = 1;   // the request could not be turned into JSON text
+
+// request: the call's arguments as a JSON object, or null when the transport could not convert
+// them. On status 0, reply holds the reply object (null only when memory ran out).
+using method_handler = int (*)(const char *method, json_object *request, json_ref &reply);
+
+struct method_entry {
+    const char *name;
+    method_handler handler;
+    const arg_policy *policy;  // announced to the bus; handlers apply it themselves
+    size_t policy_count;
+};
+
+// An event handler: type is the event's name, message its JSON object or null.
+using event_handler_fn = void (*)(const char *type, json_object *message);
+
+// A reply {"result": text}.
+json_ref result_reply(const char *text);
+
+// The entry of the method called name among count entries, or null.
+const method_entry *find_method(const method_entry *methods, size_t count, const char *name);
+
+// "debug_set" and "debug_get".
+extern const arg_policy debug_set_policy[1];
+int ubus_set_debug(const char *method, json_object *request, json_ref &reply);
+int ubus_get_debug(const char *method, json_object *request, json_ref &reply);
+
+// "show" (runs "tarn show ubus") and "show_neighbor" (runs "tarn show neighbor").
+int ubus_show(const char *method, json_object *request, json_ref &reply);
+int ubus_show_neighbor(const char *method, json_object *request, json_ref &reply);
+
+// The static neighbor edits: "qv_static_neighbor", "add_static_neighbor",
+// "del_static_neighbor", "qv_del_static_neighbor".
+extern const arg_policy static_qv_policy[1];
+extern const arg_policy static_add_policy[3];
+extern const arg_policy static_del_policy[1];
+extern const arg_policy static_qv_del_policy[1];
+int ubus_static_mac_qv(const char *method, json_object *request, json_ref &reply);
+int ubus_static_mac_add(const char *method, json_object *request, json_ref &reply);
+int ubus_static_mac_del(const char *method, json_object *request, json_ref &reply);
+int ubus_static_mac_qv_del(const char *method, json_object *request, json_ref &reply);
+
+// The "userconfig.reload" event: reloads the static neighbor file once for every element "all"
+// or "static_neighbor.conf" of the message's "ModifiedConfig" array, each followed by an update
+// pass.
+constexpr const char *RELOAD_EVENT_TYPE = "userconfig.reload";
+extern const arg_policy reload_event_policy[1];
+void ubus_reload_event(const char *type, json_object *message);

@@ -1,0 +1,5 @@
+#include "ubus/bus_client.h"
+
+int main(int argc, char **argv) {
+    return tarn_bus_main(argc, argv);
+}

@@ -1,0 +1,63 @@
+// A stand-in for the Wi-Fi driver: a NETLINK_USERSOCK socket that the daemon's driver messages
+// reach while it exists (it sets TARN_DRIVER_PORT to its own port id).
+#pragma once
+
+#include <linux/netlink.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+class DriverSink {
+  public:
+    DriverSink() {
+        fd_ = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_USERSOCK);
+        if (fd_ < 0) {
+            return;
+        }
+        sockaddr_nl addr{};
+        addr.nl_family = AF_NETLINK;  // port id 0: the kernel picks a free one
+        socklen_t len = sizeof addr;
+        if (bind(fd_, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0 ||
+            getsockname(fd_, reinterpret_cast<sockaddr *>(&addr), &len) != 0) {
+            close(fd_);
+            fd_ = -1;
+            return;
+        }
+        port_ = addr.nl_pid;
+        setenv("TARN_DRIVER_PORT", std::to_string(port_).c_str(), 1);
+    }
+    ~DriverSink() {
+        unsetenv("TARN_DRIVER_PORT");
+        if (fd_ >= 0) {
+            close(fd_);
+        }
+    }
+    DriverSink(const DriverSink &) = delete;
+    DriverSink &operator=(const DriverSink &) = delete;
+
+    bool ready() const { return fd_ >= 0; }
+    uint32_t port() const { return port_; }
+
+    // Every message queued so far. Netlink delivers to a local socket before the send returns,
+    // so nothing is still on its way once the sender has returned.
+    std::vector<std::vector<uint8_t>> take_all() {
+        std::vector<std::vector<uint8_t>> messages;
+        for (;;) {
+            std::vector<uint8_t> message(4096);
+            ssize_t n = recv(fd_, message.data(), message.size(), MSG_DONTWAIT);
+            if (n < 0) {
+                return messages;
+            }
+            message.resize(static_cast<size_t>(n));
+            messages.push_back(message);
+        }
+    }
+
+  private:
+    int fd_ = -1;
+    uint32_t port_ = 0;
+};

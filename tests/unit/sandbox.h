@@ -1,0 +1,192 @@
+// A private little AP for tests of code that runs platform commands and reads system files.
+//
+// run_in_sandbox() forks a child that gets its own mount and network namespaces, a fresh tmpfs
+// on /tmp, the sysfs of its new network namespace on /sys, and /tmp/bin first on PATH for
+// stand-in platform commands. The body runs in the child and returns a text; the parent gets
+// that text back through a pipe (gtest assertions made in the child would be lost), so tests
+// let the body report what it observed and assert on the text in the parent.
+#pragma once
+
+#include <fcntl.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <string>
+
+#include "core/settings.h"
+
+namespace sandbox {
+
+inline bool is_root() {
+    return geteuid() == 0;
+}
+
+#define SKIP_UNLESS_ROOT()                                                 \
+    do {                                                                   \
+        if (!sandbox::is_root()) {                                         \
+            GTEST_SKIP() << "needs root for mount and network namespaces"; \
+        }                                                                  \
+    } while (0)
+
+inline constexpr const char *LOG_PATH = "/tmp/tarn-test.log";
+
+inline void write_file(const std::string &path, const std::string &content, mode_t mode = 0644) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << content;
+    out.close();
+    chmod(path.c_str(), mode);
+}
+
+inline std::string read_file(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+inline bool exists(const std::string &path) {
+    return access(path.c_str(), F_OK) == 0;
+}
+
+// A stand-in for a platform command: a shell script in /tmp/bin.
+inline void install_command(const std::string &name, const std::string &script) {
+    write_file("/tmp/bin/" + name, "#!/bin/sh\n" + script + "\n", 0755);
+}
+
+// Runs a shell command in the sandbox; true when it exits with 0.
+inline bool sh(const std::string &command) {
+    std::string quiet = command + " >/dev/null 2>&1";
+    return system(quiet.c_str()) == 0;
+}
+
+// The daemon's log lines written so far in this sandbox.
+inline std::string log_text() {
+    return read_file(LOG_PATH);
+}
+
+// Makes /proc/net/<name> of this process show the given files only (the directory of the
+// process's own network view is covered by a private copy).
+inline bool fake_proc_net(const std::string &name, const std::string &content) {
+    mkdir("/tmp/procnet", 0755);
+    write_file("/tmp/procnet/" + name, content);
+    std::string target = "/proc/" + std::to_string(getpid()) + "/net";
+    return mount("/tmp/procnet", target.c_str(), nullptr, MS_BIND, nullptr) == 0;
+}
+
+// Leaves no file descriptor free in this process, so nothing can open a pipe or a socket.
+// Only the soft limit is lowered, and it is raised again when the process ends: the
+// sanitizer runtimes need descriptors of their own while exit handlers run.
+inline void exhaust_descriptors() {
+    static rlimit saved;
+    getrlimit(RLIMIT_NOFILE, &saved);
+    atexit([] { setrlimit(RLIMIT_NOFILE, &saved); });
+    int lowest_free = dup(0);
+    close(lowest_free);
+    rlimit limit{static_cast<rlim_t>(lowest_free), saved.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+namespace detail {
+
+inline std::string prepare_child() {
+    if (unshare(CLONE_NEWNS | CLONE_NEWNET) != 0) {
+        return std::string("unshare: ") + strerror(errno);
+    }
+    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+        return std::string("private mounts: ") + strerror(errno);
+    }
+    if (mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") != 0) {
+        return std::string("tmpfs on /tmp: ") + strerror(errno);
+    }
+    if (mount("sysfs", "/sys", "sysfs", 0, nullptr) != 0) {
+        return std::string("sysfs: ") + strerror(errno);
+    }
+    mkdir("/tmp/bin", 0755);
+    const char *path = getenv("PATH");
+    std::string new_path = std::string("/tmp/bin:") + (path != nullptr ? path : "/usr/bin:/bin");
+    setenv("PATH", new_path.c_str(), 1);
+    sh("ip link set lo up");
+
+    // Log lines of the code under test go to a file the body can read.
+    int log_fd = open(LOG_PATH, O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, 0644);
+    if (log_fd < 0) {
+        return std::string("log file: ") + strerror(errno);
+    }
+    dup2(log_fd, STDERR_FILENO);
+    close(log_fd);
+    setenv("TARN_LOG_STDERR", "1", 1);
+    tarn_debug = 1;
+    return "";
+}
+
+inline void write_all(int fd, const std::string &text) {
+    size_t done = 0;
+    while (done < text.size()) {
+        ssize_t n = write(fd, text.data() + done, text.size() - done);
+        if (n <= 0) {
+            return;
+        }
+        done += static_cast<size_t>(n);
+    }
+}
+
+}  // namespace detail
+
+// Runs `body` in a sandboxed child and returns its text, or "sandbox failure: ..." when the
+// child could not be set up or did not finish normally.
+inline std::string run_in_sandbox(const std::function<std::string()> &body) {
+    int fds[2];
+    if (pipe(fds) != 0) {
+        return "sandbox failure: pipe";
+    }
+    fflush(nullptr);
+    pid_t child = fork();
+    if (child < 0) {
+        return "sandbox failure: fork";
+    }
+    if (child == 0) {
+        close(fds[0]);
+        std::string result = detail::prepare_child();
+        if (!result.empty()) {
+            result = "sandbox failure: " + result;
+        } else {
+            try {
+                result = body();
+            } catch (const std::exception &e) {
+                result = std::string("sandbox failure: exception ") + e.what();
+            }
+        }
+        detail::write_all(fds[1], result);
+        close(fds[1]);
+        _exit(0);
+    }
+    close(fds[1]);
+    std::string text;
+    char chunk[4096];
+    ssize_t n;
+    while ((n = read(fds[0], chunk, sizeof chunk)) > 0 || (n < 0 && errno == EINTR)) {
+        if (n > 0) {
+            text.append(chunk, static_cast<size_t>(n));
+        }
+    }
+    close(fds[0]);
+    int status = 0;
+    waitpid(child, &status, 0);
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+        return "sandbox failure: child status " + std::to_string(status) + " after: " + text;
+    }
+    return text;
+}
+
+}  // namespace sandbox

@@ -1,0 +1,428 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "core/settings.h"
+#include "neighbor/list_ops.h"
+#include "neighbor/neighbor_table.h"
+
+namespace {
+
+mac_addr mac_of(uint8_t b3, uint8_t b4, uint8_t b5, uint8_t b0 = 0x00) {
+    return mac_addr{b0, 0x11, 0x22, b3, b4, b5};
+}
+
+class NeighborTable : public testing::Test {
+  protected:
+    void SetUp() override {
+        neighbor_aps_clear();
+        neighbor_table_init();
+        max_ngbr_num = MAX_NGBR_NUM_DEFAULT;
+    }
+    void TearDown() override {
+        neighbor_aps_clear();
+        max_ngbr_num = MAX_NGBR_NUM_DEFAULT;
+    }
+
+    // Inserts a new entry as the driver event handler does; the timestamp marks its age and
+    // `tag` (kept in age) tells entries apart in walks.
+    static int add(const mac_addr &mac, uint32_t timestamp, uint32_t tag = 0) {
+        std::lock_guard<std::mutex> guard(ngb_lock);
+        std::unique_ptr<neighbor_ap> entry = neighbor_ap_new();
+        entry->mac = mac;
+        entry->info.mac = mac;
+        entry->timestamp = timestamp;
+        entry->age = tag;
+        int rc = neighbor_ap_add(mac, entry);
+        EXPECT_EQ(rc == 0, entry == nullptr) << "ownership must move exactly on success";
+        return rc;
+    }
+
+    static std::vector<mac_addr> walk_macs() {
+        std::vector<mac_addr> macs;
+        std::lock_guard<std::mutex> guard(ngb_lock);
+        neighbor_aps_walk([&](neighbor_ap &entry) { macs.push_back(entry.mac); });
+        return macs;
+    }
+};
+
+TEST(NeighborApHash, UsesBytesThreeToFiveOnly) {
+    EXPECT_EQ(neighbor_ap_hash(mac_of(0, 0, 0)), 0u);
+    EXPECT_EQ(neighbor_ap_hash(mac_addr{0xff, 0xff, 0xff, 0xff, 0xff, 0xff}), 56u);
+    EXPECT_EQ(neighbor_ap_hash(mac_of(0x10, 0x20, 0x3f)), (0x10u + 0x20u + 0x3u) % 67);
+    EXPECT_EQ(neighbor_ap_hash(mac_of(66, 1, 0)), 0u);
+    // Bytes 0..2 and the low nibble of byte 5 do not take part.
+    EXPECT_EQ(neighbor_ap_hash(mac_addr{0xaa, 0xbb, 0xcc, 1, 2, 0x30}),
+              neighbor_ap_hash(mac_addr{0x00, 0x00, 0x00, 1, 2, 0x3f}));
+}
+
+TEST(NeighborApNew, ZeroFilledAndSelfLinked) {
+    std::unique_ptr<neighbor_ap> entry = neighbor_ap_new();
+    ASSERT_NE(entry, nullptr);
+    EXPECT_EQ(entry->list.next, &entry->list);
+    EXPECT_EQ(entry->list.prev, &entry->list);
+    EXPECT_EQ(entry->ip, 0u);
+    EXPECT_EQ(entry->timestamp, 0u);
+    EXPECT_EQ(entry->info.radiocnt, 0u);
+    EXPECT_EQ(entry->info.name[0], '\0');
+}
+
+TEST(ListOps, DeletePoisonsLinksAndKeepsNeighborsJoined) {
+    list_head head;
+    list_head a;
+    list_head b;
+    list_head c;
+    INIT_LIST_HEAD(&head);
+    EXPECT_TRUE(list_empty(&head));
+    list_add_tail(&a, &head);
+    list_add_tail(&b, &head);
+    list_add_tail(&c, &head);
+    list_del(&b);
+    EXPECT_EQ(b.next, reinterpret_cast<list_head *>(0x100100));
+    EXPECT_EQ(b.prev, reinterpret_cast<list_head *>(0x200200));
+    EXPECT_EQ(head.next, &a);
+    EXPECT_EQ(a.next, &c);
+    EXPECT_EQ(c.prev, &a);
+    EXPECT_EQ(c.next, &head);
+    EXPECT_EQ(head.prev, &c);
+}
+
+TEST_F(NeighborTable, SameBucketMacsAreToldApart) {
+    // Differ only in bytes 0..2 or the low nibble of byte 5: one bucket, three entries.
+    mac_addr first{0x01, 0x02, 0x03, 9, 9, 0x50};
+    mac_addr second{0xa1, 0x02, 0x03, 9, 9, 0x50};
+    mac_addr third{0x01, 0x02, 0x03, 9, 9, 0x5e};
+    ASSERT_EQ(add(first, 0, 1), 0);
+    ASSERT_EQ(add(second, 0, 2), 0);
+    ASSERT_EQ(add(third, 0, 3), 0);
+    std::lock_guard<std::mutex> guard(ngb_lock);
+    EXPECT_EQ(table_cnt, 3u);
+    ASSERT_NE(neighbor_ap_find(first), nullptr);
+    ASSERT_NE(neighbor_ap_find(second), nullptr);
+    ASSERT_NE(neighbor_ap_find(third), nullptr);
+    EXPECT_EQ(neighbor_ap_find(first)->age, 1u);
+    EXPECT_EQ(neighbor_ap_find(second)->age, 2u);
+    EXPECT_EQ(neighbor_ap_find(third)->age, 3u);
+    EXPECT_EQ(neighbor_ap_find(mac_addr{0x01, 0x02, 0x04, 9, 9, 0x50}), nullptr);
+}
+
+TEST_F(NeighborTable, WalkGoesByBucketThenInsertionOrder) {
+    ASSERT_EQ(add(mac_of(0xff, 0xff, 0xff), 0), 0);  // bucket 56
+    ASSERT_EQ(add(mac_of(0, 0, 0), 0), 0);           // bucket 0
+    ASSERT_EQ(add(mac_of(0, 0, 0, 0x99), 0), 0);     // bucket 0, after the first
+    ASSERT_EQ(add(mac_of(1, 0, 0), 0), 0);           // bucket 1
+    std::vector<mac_addr> expected{mac_of(0, 0, 0), mac_of(0, 0, 0, 0x99), mac_of(1, 0, 0),
+                                   mac_of(0xff, 0xff, 0xff)};
+    EXPECT_EQ(walk_macs(), expected);
+}
+
+TEST_F(NeighborTable, WalkStopsWhenVisitorSaysSo) {
+    for (uint8_t i = 0; i < 5; ++i) {
+        ASSERT_EQ(add(mac_of(i, 0, 0), 0), 0);
+    }
+    int visited = 0;
+    std::lock_guard<std::mutex> guard(ngb_lock);
+    neighbor_aps_walk([&](neighbor_ap &) { return ++visited < 3; });
+    EXPECT_EQ(visited, 3);
+}
+
+TEST_F(NeighborTable, DeleteKeepsOrderOfTheOthers) {
+    std::vector<mac_addr> bucket;
+    for (uint8_t i = 0; i < 4; ++i) {
+        bucket.push_back(mac_of(5, 5, 0, i));
+        ASSERT_EQ(add(bucket.back(), 0), 0);
+    }
+    {
+        std::lock_guard<std::mutex> guard(ngb_lock);
+        neighbor_ap_delete(neighbor_ap_find(bucket[1]));
+        EXPECT_EQ(table_cnt, 3u);
+    }
+    EXPECT_EQ(walk_macs(), (std::vector<mac_addr>{bucket[0], bucket[2], bucket[3]}));
+}
+
+TEST_F(NeighborTable, FullTableReplacesGreatestTimestamp) {
+    max_ngbr_num = 16;
+    const std::vector<uint32_t> stamps{0, 5, 900, 3, 0, 7, 900, 1, 0, 0, 2, 2, 4, 0, 8, 6};
+    for (uint8_t i = 0; i < 16; ++i) {
+        ASSERT_EQ(add(mac_of(i, 0, 0), stamps[i]), 0);
+    }
+    // Entries 2 and 6 share the greatest value: the one first in walk order (bucket 2) goes.
+    ASSERT_EQ(add(mac_of(40, 0, 0), 0), 0);
+    std::lock_guard<std::mutex> guard(ngb_lock);
+    EXPECT_EQ(table_cnt, 16u);
+    EXPECT_EQ(neighbor_ap_find(mac_of(2, 0, 0)), nullptr);
+    EXPECT_NE(neighbor_ap_find(mac_of(6, 0, 0)), nullptr);
+    EXPECT_NE(neighbor_ap_find(mac_of(40, 0, 0)), nullptr);
+}
+
+TEST_F(NeighborTable, FullTableWithAllTimestampsZeroRefusesNewEntry) {
+    max_ngbr_num = 16;
+    for (uint8_t i = 0; i < 16; ++i) {
+        ASSERT_EQ(add(mac_of(i, 0, 0), 0), 0);
+    }
+    std::vector<mac_addr> before = walk_macs();
+    EXPECT_EQ(add(mac_of(40, 0, 0), 0), 1);
+    EXPECT_EQ(walk_macs(), before);
+    std::lock_guard<std::mutex> guard(ngb_lock);
+    EXPECT_EQ(table_cnt, 16u);
+    EXPECT_EQ(neighbor_ap_find(mac_of(40, 0, 0)), nullptr);
+    EXPECT_EQ(neighbor_aps_find_oldest(), nullptr);
+}
+
+TEST_F(NeighborTable, FullTableIsLogged) {
+    setenv("TARN_LOG_STDERR", "1", 1);
+    tarn_debug = 1;
+    max_ngbr_num = 16;
+    testing::internal::CaptureStderr();
+    for (uint8_t i = 0; i < 16; ++i) {
+        add(mac_of(i, 0, 0), 0);
+    }
+    add(mac_of(40, 0, 0), 0);
+    std::string log = testing::internal::GetCapturedStderr();
+    tarn_debug = 0;
+    unsetenv("TARN_LOG_STDERR");
+    EXPECT_NE(log.find("neighbor_ap_add: hash:15\n"), std::string::npos) << log;
+    EXPECT_NE(log.find("neighbor table is full!!!\n"), std::string::npos) << log;
+    EXPECT_NE(log.find("neighbor_aps_find_oldest: Find time out ap:0\n"), std::string::npos);
+    EXPECT_NE(log.find("neighbor_ap_add: table is full,replace error!\n"), std::string::npos);
+}
+
+TEST_F(NeighborTable, OldestTieGoesToEarlierInSameBucket) {
+    ASSERT_EQ(add(mac_of(3, 3, 0, 1), 50), 0);
+    ASSERT_EQ(add(mac_of(3, 3, 0, 2), 70), 0);
+    ASSERT_EQ(add(mac_of(3, 3, 0, 3), 70), 0);
+    std::lock_guard<std::mutex> guard(ngb_lock);
+    neighbor_ap *oldest = neighbor_aps_find_oldest();
+    ASSERT_NE(oldest, nullptr);
+    EXPECT_EQ(oldest->mac, mac_of(3, 3, 0, 2));
+}
+
+TEST_F(NeighborTable, ClearEmptiesEveryBucket) {
+    for (uint8_t i = 0; i < 40; ++i) {
+        ASSERT_EQ(add(mac_of(i, static_cast<uint8_t>(i * 7), i), i), 0);
+    }
+    neighbor_aps_clear();
+    EXPECT_TRUE(walk_macs().empty());
+    std::lock_guard<std::mutex> guard(ngb_lock);
+    EXPECT_EQ(table_cnt, 0u);
+    for (const list_head &bucket : ngb_table) {
+        EXPECT_TRUE(list_empty(&bucket));
+    }
+}
+
+TEST_F(NeighborTable, NullEntryIsRefused) {
+    std::unique_ptr<neighbor_ap> none;
+    std::lock_guard<std::mutex> guard(ngb_lock);
+    EXPECT_EQ(neighbor_ap_add(mac_of(1, 1, 1), none), 1);
+    EXPECT_EQ(table_cnt, 0u);
+}
+
+// ----- Randomised comparison with a plain model of the table --------------------------------
+
+struct ModelEntry {
+    mac_addr mac;
+    uint32_t timestamp;
+    uint32_t tag;
+};
+
+class TableModel {
+  public:
+    explicit TableModel(size_t capacity) : capacity_(capacity), buckets_(NGB_HASH_SIZE) {}
+
+    size_t size() const {
+        size_t n = 0;
+        for (const auto &b : buckets_) {
+            n += b.size();
+        }
+        return n;
+    }
+    const ModelEntry *find(const mac_addr &mac) const {
+        for (const ModelEntry &e : buckets_[neighbor_ap_hash(mac)]) {
+            if (e.mac == mac) {
+                return &e;
+            }
+        }
+        return nullptr;
+    }
+    int add(const ModelEntry &entry) {
+        if (size() == capacity_) {
+            // Greatest non-zero timestamp, first in walk order among equals.
+            std::vector<ModelEntry> *victim_bucket = nullptr;
+            size_t victim_index = 0;
+            uint32_t greatest = 0;
+            for (auto &b : buckets_) {
+                for (size_t i = 0; i < b.size(); ++i) {
+                    if (b[i].timestamp > greatest) {
+                        greatest = b[i].timestamp;
+                        victim_bucket = &b;
+                        victim_index = i;
+                    }
+                }
+            }
+            if (victim_bucket == nullptr) {
+                return 1;
+            }
+            victim_bucket->erase(victim_bucket->begin() + static_cast<long>(victim_index));
+        }
+        buckets_[neighbor_ap_hash(entry.mac)].push_back(entry);
+        return 0;
+    }
+    void remove(const mac_addr &mac) {
+        auto &b = buckets_[neighbor_ap_hash(mac)];
+        b.erase(
+            std::find_if(b.begin(), b.end(), [&](const ModelEntry &e) { return e.mac == mac; }));
+    }
+    void set_timestamp(const mac_addr &mac, uint32_t timestamp) {
+        auto &b = buckets_[neighbor_ap_hash(mac)];
+        std::find_if(b.begin(), b.end(), [&](const ModelEntry &e) {
+            return e.mac == mac;
+        })->timestamp = timestamp;
+    }
+    void clear(size_t capacity) {
+        capacity_ = capacity;
+        for (auto &b : buckets_) {
+            b.clear();
+        }
+    }
+    std::vector<ModelEntry> walk() const {
+        std::vector<ModelEntry> all;
+        for (const auto &b : buckets_) {
+            all.insert(all.end(), b.begin(), b.end());
+        }
+        return all;
+    }
+
+  private:
+    size_t capacity_;
+    std::vector<std::vector<ModelEntry>> buckets_;
+};
+
+// Checks count, walk order and contents, link integrity and lookups against the model.
+void expect_table_matches(const TableModel &model, const std::vector<mac_addr> &pool, int step) {
+    std::lock_guard<std::mutex> guard(ngb_lock);
+    ASSERT_EQ(table_cnt, model.size()) << "step " << step;
+
+    std::vector<ModelEntry> expected = model.walk();
+    size_t i = 0;
+    bool links_ok = true;
+    neighbor_aps_walk([&](neighbor_ap &entry) {
+        links_ok = links_ok && entry.list.next->prev == &entry.list &&
+                   entry.list.prev->next == &entry.list;
+        if (i < expected.size()) {
+            EXPECT_EQ(entry.mac, expected[i].mac) << "step " << step << " position " << i;
+            EXPECT_EQ(entry.timestamp, expected[i].timestamp) << "step " << step;
+            EXPECT_EQ(entry.age, expected[i].tag) << "step " << step;
+        }
+        ++i;
+    });
+    ASSERT_EQ(i, expected.size()) << "step " << step;
+    ASSERT_TRUE(links_ok) << "step " << step;
+
+    for (const mac_addr &mac : pool) {
+        const ModelEntry *want = model.find(mac);
+        neighbor_ap *got = neighbor_ap_find(mac);
+        ASSERT_EQ(got == nullptr, want == nullptr) << "step " << step;
+        if (got != nullptr) {
+            ASSERT_EQ(got->age, want->tag) << "step " << step;
+        }
+    }
+}
+
+// MACs crowded into a few buckets (and some spread out), so that buckets hold several entries.
+std::vector<mac_addr> mac_pool(std::mt19937 &rng) {
+    std::vector<mac_addr> pool;
+    std::uniform_int_distribution<int> byte(0, 255);
+    std::uniform_int_distribution<int> crowded(0, 3);
+    while (pool.size() < 150) {
+        mac_addr mac;
+        for (uint8_t &b : mac) {
+            b = static_cast<uint8_t>(byte(rng));
+        }
+        if (pool.size() % 3 != 0) {
+            mac[3] = static_cast<uint8_t>(crowded(rng));
+            mac[4] = 0;
+            mac[5] = static_cast<uint8_t>(byte(rng) & 0x1f);
+        }
+        if (std::find(pool.begin(), pool.end(), mac) == pool.end()) {
+            pool.push_back(mac);
+        }
+    }
+    return pool;
+}
+
+class NeighborTableModel : public NeighborTable, public testing::WithParamInterface<uint32_t> {};
+
+TEST_P(NeighborTableModel, RandomOperationsMatchModel) {
+    std::mt19937 rng(GetParam());
+    std::vector<mac_addr> pool = mac_pool(rng);
+    uint8_t capacity = 16;
+    max_ngbr_num = capacity;
+    TableModel model(capacity);
+    std::uniform_int_distribution<int> op(0, 99);
+    std::uniform_int_distribution<size_t> pick(0, pool.size() - 1);
+    std::uniform_int_distribution<uint32_t> stamp(0, 6);  // small range: many ties and zeros
+    uint32_t next_tag = 1;
+    int replaced = 0;
+    int refused = 0;
+
+    for (int step = 0; step < 4000; ++step) {
+        // Alternate phases: in the quiet one the driver names nobody, so timestamps drain to 0
+        // and a full table ends up with nothing to replace.
+        bool quiet = (step / 400) % 2 == 1;
+        auto next_stamp = [&] { return quiet ? 0u : stamp(rng); };
+        const mac_addr &mac = pool[pick(rng)];
+        int choice = op(rng);
+        if (choice < 55) {
+            // Add as callers do: only when the MAC is absent.
+            bool present;
+            {
+                std::lock_guard<std::mutex> guard(ngb_lock);
+                present = neighbor_ap_find(mac) != nullptr;
+            }
+            ASSERT_EQ(present, model.find(mac) != nullptr) << "step " << step;
+            if (!present) {
+                ModelEntry entry{mac, next_stamp(), next_tag++};
+                bool full = model.size() == capacity;
+                int rc = model.add(entry);
+                ASSERT_EQ(add(mac, entry.timestamp, entry.tag), rc) << "step " << step;
+                replaced += full && rc == 0;
+                refused += rc;
+            }
+        } else if (choice < 80) {
+            std::lock_guard<std::mutex> guard(ngb_lock);
+            neighbor_ap *entry = neighbor_ap_find(mac);
+            if (entry != nullptr) {
+                neighbor_ap_delete(entry);
+                model.remove(mac);
+            }
+        } else if (choice < 98) {
+            uint32_t value = next_stamp();
+            std::lock_guard<std::mutex> guard(ngb_lock);
+            neighbor_ap *entry = neighbor_ap_find(mac);
+            if (entry != nullptr) {
+                entry->timestamp = value;
+                model.set_timestamp(mac, value);
+            }
+        } else {
+            // Changing the limit empties the table, as the daemon does.
+            capacity = static_cast<uint8_t>(16 + (rng() % 49));
+            max_ngbr_num = capacity;
+            neighbor_aps_clear();
+            model.clear(capacity);
+        }
+        expect_table_matches(model, pool, step);
+        if (HasFatalFailure() || HasNonfatalFailure()) {
+            return;
+        }
+    }
+    // The sequence must have reached the interesting paths of a full table.
+    EXPECT_GT(replaced, 20);
+    EXPECT_GT(refused, 20);
+}
+
+INSTANTIATE_TEST_SUITE_P(Seeds, NeighborTableModel, testing::Values(1u, 7u, 42u, 2024u, 99991u));
+
+}  // namespace
