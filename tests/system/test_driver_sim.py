@@ -245,6 +245,10 @@ def test_simulator_control_commands(sim_lab):
     ap1.drop(ap2)
     daemon.wait_event(is_op(dp.EV_DROP, mac=ap2.mac))
     ap1.unhear(stranger)
+    # A marker event: whatever was queued before the simulator handled "unhear" comes
+    # before it.
+    ap1.sim_command({"cmd": "send", "hex": "08000000"})
+    daemon.wait_event(is_op(8))
     later = daemon.events_for(0.8)
     assert not [e for e in later if e["op"] == dp.EV_HEARD]
 
