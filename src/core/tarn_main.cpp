@@ -11,7 +11,10 @@
 #include "core/main_loop.h"
 #include "core/settings.h"
 #include "core/sockets.h"
+#include "neighbor/driver_msg.h"
+#include "neighbor/neighbor_table.h"
 #include "static/client_requests.h"
+#include "sysinfo/sysinfo.h"
 #include "sysinfo/self_ap.h"
 #include "util/log.h"
 #include "util/timer.h"
@@ -84,9 +87,29 @@ void tarn_init() {
         memset(&self_ap, 0, sizeof self_ap);
     }
     TARN_DBG("tarn init\n");
+    // The mutexes are statically initialised, usable before this point (the static neighbor
+    // file is loaded before tarn_init).
+    neighbor_table_init();
+    uint8_t radiocnt = static_cast<uint8_t>(get_radio_count());
+    {
+        std::lock_guard<std::mutex> guard(self_ap_lock);
+        self_ap.info.radiocnt = radiocnt;
+    }
     tarn_socket_init();
     tarn_socket6_init();
+    get_mac();
+    get_ipaddr();
     init_timers();
+    {
+        std::lock_guard<std::mutex> guard(self_ap_lock);
+        self_ap.info.mac = self_ap.mac;
+    }
+    Get_Ap_Name(self_ap.info.name);
+    Get_Ap_Version(self_ap.info.version);
+    Get_QV_ipaddr();
+    if (rssi_min != RSSI_MIN_DEFAULT) {
+        netlink_set_rssi(rssi_min);
+    }
 }
 
 int tarn_main(int argc, char **argv) {
