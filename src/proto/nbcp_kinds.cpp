@@ -115,7 +115,8 @@ uint32_t long_list_items(uint32_t count) {
 
 }  // namespace
 
-void nbcp_parse_kind1_tlv(nbcp_decoder &d, uint32_t limit, nbcp_msg &msg) {
+void nbcp_parse_kind1_tlv(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &msg) {
+    nbcp_decoder d = nbcp_body(datagram, size);
     nbcp_kind1 &rec = msg.m.kind1;
     nbcp_walk(d, limit, [&](uint16_t type, uint16_t) {
         switch (type) {
@@ -144,7 +145,8 @@ void nbcp_parse_kind1_tlv(nbcp_decoder &d, uint32_t limit, nbcp_msg &msg) {
     });
 }
 
-void nbcp_parse_kind1_fixed(nbcp_decoder &d, uint32_t, nbcp_msg &msg) {
+void nbcp_parse_kind1_fixed(const uint8_t *datagram, size_t size, uint32_t, nbcp_msg &msg) {
+    nbcp_decoder d = nbcp_body(datagram, size);
     nbcp_kind1 &rec = msg.m.kind1;
     rec.field1 = nbcp_get_u8(d);
     rec.field2 = nbcp_get_u8(d);
@@ -184,7 +186,8 @@ bool read_kind2_entry(nbcp_decoder &d, uint16_t type, uint16_t len, nbcp_kind2_e
 
 }  // namespace
 
-void nbcp_parse_kind2_tlv(nbcp_decoder &d, uint32_t limit, nbcp_msg &msg) {
+void nbcp_parse_kind2_tlv(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &msg) {
+    nbcp_decoder d = nbcp_body(datagram, size);
     nbcp_kind2 &rec = msg.m.kind2;
     nbcp_walk(d, limit, [&](uint16_t type, uint16_t) {
         switch (type) {
@@ -213,7 +216,8 @@ void nbcp_parse_kind2_tlv(nbcp_decoder &d, uint32_t limit, nbcp_msg &msg) {
     });
 }
 
-void nbcp_parse_kind2_fixed(nbcp_decoder &d, uint32_t, nbcp_msg &msg) {
+void nbcp_parse_kind2_fixed(const uint8_t *datagram, size_t size, uint32_t, nbcp_msg &msg) {
+    nbcp_decoder d = nbcp_body(datagram, size);
     nbcp_kind2 &rec = msg.m.kind2;
     rec.field1 = nbcp_get_u8(d);
     rec.field2 = nbcp_get_u8(d);
@@ -235,7 +239,8 @@ void nbcp_parse_kind2_fixed(nbcp_decoder &d, uint32_t, nbcp_msg &msg) {
     }
 }
 
-void nbcp_parse_kind3_tlv(nbcp_decoder &d, uint32_t limit, nbcp_msg &msg) {
+void nbcp_parse_kind3_tlv(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &msg) {
+    nbcp_decoder d = nbcp_body(datagram, size);
     nbcp_kind3 &rec = msg.m.kind3;
     nbcp_walk(d, limit, [&](uint16_t type, uint16_t len) {
         switch (type) {
@@ -279,7 +284,8 @@ void nbcp_parse_kind3_tlv(nbcp_decoder &d, uint32_t limit, nbcp_msg &msg) {
     });
 }
 
-void nbcp_parse_kind3_fixed(nbcp_decoder &d, uint32_t, nbcp_msg &msg) {
+void nbcp_parse_kind3_fixed(const uint8_t *datagram, size_t size, uint32_t, nbcp_msg &msg) {
+    nbcp_decoder d = nbcp_body(datagram, size);
     nbcp_kind3 &rec = msg.m.kind3;
     rec.field1 = nbcp_get_u8(d);
     rec.field2 = nbcp_get_u8(d);
@@ -296,7 +302,8 @@ void nbcp_parse_kind3_fixed(nbcp_decoder &d, uint32_t, nbcp_msg &msg) {
     nbcp_read(d, reinterpret_cast<uint8_t *>(rec.text4), sizeof rec.text4);
 }
 
-void nbcp_parse_kind4_tlv(nbcp_decoder &d, uint32_t limit, nbcp_msg &msg) {
+void nbcp_parse_kind4_tlv(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &msg) {
+    nbcp_decoder d = nbcp_body(datagram, size);
     nbcp_kind4 &rec = msg.m.kind4;
     auto read_entry = [&](uint32_t i, uint16_t type, uint16_t) {
         nbcp_kind4_entry &e = rec.entries[i];
@@ -328,7 +335,8 @@ void nbcp_parse_kind4_tlv(nbcp_decoder &d, uint32_t limit, nbcp_msg &msg) {
     });
 }
 
-void nbcp_parse_kind4_fixed(nbcp_decoder &d, uint32_t, nbcp_msg &msg) {
+void nbcp_parse_kind4_fixed(const uint8_t *datagram, size_t size, uint32_t, nbcp_msg &msg) {
+    nbcp_decoder d = nbcp_body(datagram, size);
     nbcp_kind4 &rec = msg.m.kind4;
     nbcp_get_mac(d, rec.address.data());
     rec.entry_count = nbcp_get_u8(d);
@@ -391,7 +399,8 @@ bool read_kind5_entry(nbcp_decoder &d, uint32_t limit, uint16_t type, nbcp_kind5
 
 }  // namespace
 
-void nbcp_parse_kind5_tlv(nbcp_decoder &d, uint32_t limit, nbcp_msg &msg) {
+void nbcp_parse_kind5_tlv(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &msg) {
+    nbcp_decoder d = nbcp_body(datagram, size);
     nbcp_kind5 &rec = msg.m.kind5;
     nbcp_walk(d, limit, [&](uint16_t type, uint16_t) {
         switch (type) {
@@ -411,7 +420,8 @@ void nbcp_parse_kind5_tlv(nbcp_decoder &d, uint32_t limit, nbcp_msg &msg) {
     });
 }
 
-void nbcp_parse_kind5_fixed(nbcp_decoder &d, uint32_t, nbcp_msg &msg) {
+void nbcp_parse_kind5_fixed(const uint8_t *datagram, size_t size, uint32_t, nbcp_msg &msg) {
+    nbcp_decoder d = nbcp_body(datagram, size);
     nbcp_kind5 &rec = msg.m.kind5;
     rec.value = nbcp_get_u32(d);
     rec.entry_count = nbcp_get_u32(d);
@@ -435,7 +445,8 @@ void nbcp_parse_kind5_fixed(nbcp_decoder &d, uint32_t, nbcp_msg &msg) {
     }
 }
 
-void nbcp_parse_kind6_tlv(nbcp_decoder &d, uint32_t limit, nbcp_msg &msg) {
+void nbcp_parse_kind6_tlv(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &msg) {
+    nbcp_decoder d = nbcp_body(datagram, size);
     nbcp_kind6 &rec = msg.m.kind6;
     nbcp_walk(d, limit, [&](uint16_t type, uint16_t) {
         switch (type) {
@@ -465,7 +476,8 @@ void nbcp_parse_kind6_tlv(nbcp_decoder &d, uint32_t limit, nbcp_msg &msg) {
     });
 }
 
-void nbcp_parse_kind6_fixed(nbcp_decoder &d, uint32_t, nbcp_msg &msg) {
+void nbcp_parse_kind6_fixed(const uint8_t *datagram, size_t size, uint32_t, nbcp_msg &msg) {
+    nbcp_decoder d = nbcp_body(datagram, size);
     nbcp_kind6 &rec = msg.m.kind6;
     rec.field1 = nbcp_get_u8(d);
     rec.value1 = nbcp_get_u32(d);
@@ -477,7 +489,8 @@ void nbcp_parse_kind6_fixed(nbcp_decoder &d, uint32_t, nbcp_msg &msg) {
     rec.value2 = nbcp_get_u32(d);
 }
 
-void nbcp_parse_type15(nbcp_decoder &d, uint32_t, nbcp_msg &msg) {
+void nbcp_parse_type15(const uint8_t *datagram, size_t size, uint32_t, nbcp_msg &msg) {
+    nbcp_decoder d = nbcp_body(datagram, size);
     nbcp_type15 &rec = msg.m.type15;
     rec.subtype = nbcp_get_u16(d);
     uint32_t value = nbcp_get_u32(d);
@@ -503,7 +516,8 @@ void nbcp_parse_type15(nbcp_decoder &d, uint32_t, nbcp_msg &msg) {
     }
 }
 
-void nbcp_parse_type16(nbcp_decoder &d, uint32_t, nbcp_msg &msg) {
+void nbcp_parse_type16(const uint8_t *datagram, size_t size, uint32_t, nbcp_msg &msg) {
+    nbcp_decoder d = nbcp_body(datagram, size);
     nbcp_type16 &rec = msg.m.type16;
     rec.count = nbcp_get_u8(d);
     nbcp_get_mac(d, rec.address.data());
