@@ -113,6 +113,77 @@ uint32_t long_list_items(uint32_t count) {
     return std::min(count, NBCP_LONG_LIST_MAX);
 }
 
+bool read_kind2_entry(nbcp_decoder &d, uint16_t type, uint16_t len, nbcp_kind2_entry &e) {
+    switch (type) {
+        case K2_ENTRY_ADDRESS:
+            nbcp_get_mac(d, e.address.data());
+            return true;
+        case K2_ENTRY_FIELD2:
+            e.field2 = nbcp_get_u8(d);
+            return true;
+        case K2_ENTRY_FIELD3:
+            e.field3 = nbcp_get_u8(d);
+            return true;
+        case K2_ENTRY_VALUE:
+            e.value = nbcp_get_u32(d);
+            return true;
+        case K2_ENTRY_TEXT:
+            nbcp_get_string(d, len, e.text, sizeof e.text);
+            return true;
+        case K2_ENTRY_FIELD6:
+            e.field6 = nbcp_get_u8(d);
+            return true;
+        default:
+            return false;
+    }
+}
+
+void read_kind5_neighbors(nbcp_decoder &d, uint32_t limit, nbcp_kind5_entry &e) {
+    nbcp_walk_items(d, limit, e.neighbor_count, NBCP_LONG_LIST_MAX, K5_NEIGHBOR_END,
+                    [&](uint32_t i, uint16_t type, uint16_t) {
+                        nbcp_kind5_neighbor &n = e.neighbors[i];
+                        switch (type) {
+                            case K5_NEIGHBOR_ADDRESS:
+                                nbcp_get_mac(d, n.address.data());
+                                return true;
+                            case K5_ITEM_COUNT:
+                                n.item_count = nbcp_get_u8(d);
+                                read_item4_list(d, limit, n.item_count, K5_ITEM_END, K5_ITEM_BYTE1,
+                                                n.items);
+                                return true;
+                            default:
+                                return false;
+                        }
+                    });
+}
+
+bool read_kind5_entry(nbcp_decoder &d, uint32_t limit, uint16_t type, nbcp_kind5_entry &e) {
+    switch (type) {
+        case K5_ENTRY_FIELD1:
+            e.field1 = nbcp_get_u8(d);
+            return true;
+        case K5_RADIO_COUNT:
+            e.radio_count = nbcp_get_u8(d);
+            read_item4_list(d, limit, e.radio_count, K5_RADIO_END, K5_RADIO_BYTE1, e.radios);
+            return true;
+        case K5_NEIGHBOR_COUNT:
+            e.neighbor_count = nbcp_get_u8(d);
+            read_kind5_neighbors(d, limit, e);
+            return true;
+        case K5_ENTRY_ADDRESS:
+            nbcp_get_mac(d, e.address.data());
+            return true;
+        case K5_ENTRY_VALUE1:
+            e.value1 = nbcp_get_u32(d);
+            return true;
+        case K5_ENTRY_VALUE2:
+            e.value2 = nbcp_get_u32(d);
+            return true;
+        default:
+            return false;
+    }
+}
+
 }  // namespace
 
 void nbcp_parse_kind1_tlv(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &msg) {
@@ -156,35 +227,6 @@ void nbcp_parse_kind1_fixed(const uint8_t *datagram, size_t size, uint32_t, nbcp
     rec.item_count = nbcp_get_u8(d);
     read_fixed_items(d, rec.item_count, 3, rec.items);
 }
-
-namespace {
-
-bool read_kind2_entry(nbcp_decoder &d, uint16_t type, uint16_t len, nbcp_kind2_entry &e) {
-    switch (type) {
-        case K2_ENTRY_ADDRESS:
-            nbcp_get_mac(d, e.address.data());
-            return true;
-        case K2_ENTRY_FIELD2:
-            e.field2 = nbcp_get_u8(d);
-            return true;
-        case K2_ENTRY_FIELD3:
-            e.field3 = nbcp_get_u8(d);
-            return true;
-        case K2_ENTRY_VALUE:
-            e.value = nbcp_get_u32(d);
-            return true;
-        case K2_ENTRY_TEXT:
-            nbcp_get_string(d, len, e.text, sizeof e.text);
-            return true;
-        case K2_ENTRY_FIELD6:
-            e.field6 = nbcp_get_u8(d);
-            return true;
-        default:
-            return false;
-    }
-}
-
-}  // namespace
 
 void nbcp_parse_kind2_tlv(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &msg) {
     nbcp_decoder d = nbcp_body(datagram, size);
@@ -348,56 +390,6 @@ void nbcp_parse_kind4_fixed(const uint8_t *datagram, size_t size, uint32_t, nbcp
         read_fixed_items(d, e.item_count, ITEM_BYTES, e.items);
     }
 }
-
-namespace {
-
-void read_kind5_neighbors(nbcp_decoder &d, uint32_t limit, nbcp_kind5_entry &e) {
-    nbcp_walk_items(d, limit, e.neighbor_count, NBCP_LONG_LIST_MAX, K5_NEIGHBOR_END,
-                    [&](uint32_t i, uint16_t type, uint16_t) {
-                        nbcp_kind5_neighbor &n = e.neighbors[i];
-                        switch (type) {
-                            case K5_NEIGHBOR_ADDRESS:
-                                nbcp_get_mac(d, n.address.data());
-                                return true;
-                            case K5_ITEM_COUNT:
-                                n.item_count = nbcp_get_u8(d);
-                                read_item4_list(d, limit, n.item_count, K5_ITEM_END, K5_ITEM_BYTE1,
-                                                n.items);
-                                return true;
-                            default:
-                                return false;
-                        }
-                    });
-}
-
-bool read_kind5_entry(nbcp_decoder &d, uint32_t limit, uint16_t type, nbcp_kind5_entry &e) {
-    switch (type) {
-        case K5_ENTRY_FIELD1:
-            e.field1 = nbcp_get_u8(d);
-            return true;
-        case K5_RADIO_COUNT:
-            e.radio_count = nbcp_get_u8(d);
-            read_item4_list(d, limit, e.radio_count, K5_RADIO_END, K5_RADIO_BYTE1, e.radios);
-            return true;
-        case K5_NEIGHBOR_COUNT:
-            e.neighbor_count = nbcp_get_u8(d);
-            read_kind5_neighbors(d, limit, e);
-            return true;
-        case K5_ENTRY_ADDRESS:
-            nbcp_get_mac(d, e.address.data());
-            return true;
-        case K5_ENTRY_VALUE1:
-            e.value1 = nbcp_get_u32(d);
-            return true;
-        case K5_ENTRY_VALUE2:
-            e.value2 = nbcp_get_u32(d);
-            return true;
-        default:
-            return false;
-    }
-}
-
-}  // namespace
 
 void nbcp_parse_kind5_tlv(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &msg) {
     nbcp_decoder d = nbcp_body(datagram, size);

@@ -53,7 +53,7 @@ inline bool nbcp_walk_expect(nbcp_decoder &d, uint32_t limit, OnElement &on_elem
 // exactly as the general walk would handle it, so the result does not depend on the order.
 template <uint16_t... Codes, typename OnElement>
 inline void nbcp_walk_in_order(nbcp_decoder &d, uint32_t limit, OnElement &&on_element) {
-    (nbcp_walk_expect<Codes>(d, limit, on_element) && ...);
+    static_cast<void>((nbcp_walk_expect<Codes>(d, limit, on_element) && ...));
     nbcp_walk(d, limit, on_element);
 }
 
