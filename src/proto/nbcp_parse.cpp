@@ -1,0 +1,191 @@
+#include <array>
+#include <cstdio>
+#include <cstring>
+
+#include "proto/nbcp.h"
+#include "proto/nbcp_codes.h"
+#include "proto/nbcp_kinds.h"
+#include "proto/nbcp_walk.h"
+
+namespace {
+
+// Most bodies are walked up to this many consumed bytes.
+constexpr uint32_t NBCP_WALK_LIMIT = 1008;
+constexpr uint32_t NBCP_KIND2_WALK_LIMIT = 65535;
+constexpr uint32_t NBCP_KIND5_WALK_LIMIT = 2008;
+
+void parse_ndrp(nbcp_decoder &d, uint32_t limit, nbcp_msg &msg) {
+    nbcp_ndrp &rec = msg.m.ndrp;
+    // The probe's own IPv6 address is skipped with every unknown code: the answer goes to the
+    // datagram's source address.
+    nbcp_walk(d, limit, [&](uint16_t type, uint16_t) {
+        switch (type) {
+            case NDRP_KIND_FLAG:
+                rec.kind_flag = nbcp_get_u8(d);
+                return true;
+            case NDRP_MODE:
+                rec.mode = nbcp_get_u8(d);
+                return true;
+            case NDRP_IP:
+                rec.ip = nbcp_get_u32(d);
+                return true;
+            case NDRP_MAC:
+                nbcp_get_mac(d, rec.mac.data());
+                return true;
+            default:
+                return false;
+        }
+    });
+}
+
+bool read_ndsp_info(nbcp_decoder &d, uint32_t limit, uint16_t type, uint16_t len, ap_info &info) {
+    switch (type) {
+        case NDSP_INFO_IP:
+            info.ip = nbcp_get_u32(d);
+            return true;
+        case NDSP_INFO_MAC:
+            nbcp_get_mac(d, info.mac.data());
+            return true;
+        case NDSP_INFO_STATE:
+            info.state = nbcp_get_u8(d);
+            return true;
+        case NDSP_INFO_VERSION:
+            nbcp_get_string(d, len, info.version, sizeof info.version);
+            return true;
+        case NDSP_INFO_NAME:
+            nbcp_get_string(d, len, info.name, sizeof info.name);
+            return true;
+        case NDSP_INFO_QV_IP:
+            info.qv_ip = nbcp_get_u32(d);
+            return true;
+        case NDSP_INFO_TENANT_ID:
+            nbcp_get_string(d, len, info.tenantId, sizeof info.tenantId);
+            return true;
+        case NDSP_INFO_IP6:
+            nbcp_get_addr6(d, info.ip6.data());
+            return true;
+        case NDSP_INFO_RADIOCNT:
+            // Stored as received even above four; the radios past the fourth are skipped by
+            // the outer walk as codes met outside a radio.
+            info.radiocnt = nbcp_get_u8(d);
+            nbcp_read_radios(d, limit, info.radiocnt, info.radio, NDSP_RADIO_CODES);
+            return true;
+        default:
+            return false;
+    }
+}
+
+void parse_ndsp(nbcp_decoder &d, uint32_t limit, nbcp_msg &msg) {
+    nbcp_ndsp &rec = msg.m.ndsp;
+    nbcp_walk(d, limit, [&](uint16_t type, uint16_t len) {
+        switch (type) {
+            case NDSP_KIND_FLAG:
+                rec.kind_flag = nbcp_get_u8(d);
+                return true;
+            case NDSP_MODE:
+                rec.mode = nbcp_get_u8(d);
+                return true;
+            case NDSP_IP:
+                rec.ip = nbcp_get_u32(d);
+                return true;
+            case NDSP_MAC:
+                nbcp_get_mac(d, rec.mac.data());
+                return true;
+            case NDSP_PVC_IP:
+                rec.pvc_ip = nbcp_get_u32(d);
+                return true;
+            case NDSP_CLUSTER_ID:
+                rec.cluster_id = nbcp_get_u32(d);
+                return true;
+            case NDSP_PVC_MAC:
+                nbcp_get_mac(d, rec.pvc_mac.data());
+                return true;
+            case NDSP_CLUSTER_FLAG:
+                rec.cluster_flag = nbcp_get_u8(d);
+                return true;
+            default:
+                return read_ndsp_info(d, limit, type, len, rec.info);
+        }
+    });
+}
+
+using nbcp_parser = void (*)(nbcp_decoder &d, uint32_t limit, nbcp_msg &msg);
+
+struct nbcp_dispatch {
+    uint8_t kind;  // 0 marks an unknown type
+    uint32_t limit;
+    nbcp_parser parse;
+    size_t record_size;  // bytes of the union member the parser fills
+};
+
+constexpr std::array<nbcp_dispatch, 256> make_dispatch_table() {
+    std::array<nbcp_dispatch, 256> t{};
+    const nbcp_dispatch fixed_kinds[] = {
+        {1, 0, nbcp_parse_kind1_fixed, sizeof(nbcp_kind1)},
+        {2, 0, nbcp_parse_kind2_fixed, sizeof(nbcp_kind2)},
+        {3, 0, nbcp_parse_kind3_fixed, sizeof(nbcp_kind3)},
+        {4, 0, nbcp_parse_kind4_fixed, sizeof(nbcp_kind4)},
+        {5, 0, nbcp_parse_kind5_fixed, sizeof(nbcp_kind5)},
+        {6, 0, nbcp_parse_kind6_fixed, sizeof(nbcp_kind6)},
+    };
+    const nbcp_dispatch tlv_kinds[] = {
+        {1, NBCP_WALK_LIMIT, nbcp_parse_kind1_tlv, sizeof(nbcp_kind1)},
+        {2, NBCP_KIND2_WALK_LIMIT, nbcp_parse_kind2_tlv, sizeof(nbcp_kind2)},
+        {3, NBCP_WALK_LIMIT, nbcp_parse_kind3_tlv, sizeof(nbcp_kind3)},
+        {4, NBCP_WALK_LIMIT, nbcp_parse_kind4_tlv, sizeof(nbcp_kind4)},
+        {5, NBCP_KIND5_WALK_LIMIT, nbcp_parse_kind5_tlv, sizeof(nbcp_kind5)},
+        {6, NBCP_WALK_LIMIT, nbcp_parse_kind6_tlv, sizeof(nbcp_kind6)},
+    };
+    for (int k = NBCP_KIND_MIN; k <= NBCP_KIND_MAX; ++k) {
+        t[k] = fixed_kinds[k - NBCP_KIND_MIN];
+        t[k + NBCP_KIND_TLV_OFFSET] = tlv_kinds[k - NBCP_KIND_MIN];
+    }
+    t[NBCP_TYPE_NDRP] = {NBCP_TYPE_NDRP, NBCP_WALK_LIMIT, parse_ndrp, sizeof(nbcp_ndrp)};
+    t[NBCP_TYPE_NDSP] = {NBCP_TYPE_NDSP, NBCP_WALK_LIMIT, parse_ndsp, sizeof(nbcp_ndsp)};
+    t[NBCP_TYPE_15] = {NBCP_TYPE_15, 0, nbcp_parse_type15, sizeof(nbcp_type15)};
+    t[NBCP_TYPE_16] = {NBCP_TYPE_16, 0, nbcp_parse_type16, sizeof(nbcp_type16)};
+    return t;
+}
+
+constexpr std::array<nbcp_dispatch, 256> NBCP_DISPATCH = make_dispatch_table();
+
+uint8_t datagram_type(const uint8_t *data, size_t len) {
+    return len > 3 ? data[3] : 0;
+}
+
+}  // namespace
+
+void nbcp_msg_reset(nbcp_msg *msg, const uint8_t *data, size_t len) {
+    if (msg == nullptr) {
+        return;
+    }
+    const nbcp_dispatch &entry = NBCP_DISPATCH[data == nullptr ? 0 : datagram_type(data, len)];
+    msg->kind = 0;
+    std::memset(&msg->m, 0, entry.parse != nullptr ? entry.record_size : sizeof(nbcp_hdr));
+}
+
+int nbcp_decode(const uint8_t *data, size_t len, nbcp_msg *msg) {
+    if (nbcp_hdr_decode(data, len, msg) == 0) {
+        return 0;
+    }
+    const nbcp_dispatch &entry = NBCP_DISPATCH[msg->m.hdr.type];
+    if (entry.parse == nullptr) {
+        return 0;
+    }
+    msg->kind = entry.kind;
+    nbcp_decoder d = nbcp_decoder_at(data, len, NBCP_HDR_LEN);
+    entry.parse(d, entry.limit, *msg);
+    return 1;
+}
+
+int nbcp_parse(const uint8_t *data, size_t len, nbcp_msg *msg) {
+    if (data == nullptr || msg == nullptr) {
+        return 0;
+    }
+    std::printf("nbcp protocol type %d!\n", datagram_type(data, len));
+    int known = nbcp_decode(data, len, msg);
+    if (!known) {
+        std::printf("nbcp protocol do not have this type!\n");
+    }
+    return known;
+}

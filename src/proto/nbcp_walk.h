@@ -1,0 +1,74 @@
+// The element walk shared by every TLV parser; each parser supplies only its limit and the
+// handling of the codes it knows.
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+
+#include "neighbor/ap_info.h"
+#include "proto/nbcp_codes.h"
+#include "proto/nbcp_wire.h"
+
+// Walks elements until a zero type or until limit bytes are consumed. on_element(type, len)
+// reads the value of a code it knows and returns true; any other element is skipped whole.
+// Every step consumes at least the 4 type and length bytes, so the limit always ends the walk.
+template <typename OnElement>
+inline void nbcp_walk(nbcp_decoder &d, uint32_t limit, OnElement &&on_element) {
+    while (d.consumed < limit) {
+        uint16_t type = nbcp_get_u16(d);
+        uint16_t len = nbcp_get_u16(d);
+        if (type == 0) {
+            return;
+        }
+        if (!on_element(type, len)) {
+            nbcp_skip(d, len);
+        }
+    }
+}
+
+// Reads the items of a list whose count element was just read: at most max_items of them, each
+// closed by end_code (whose one value byte is consumed). on_element(index, type, len) reads a
+// code of the item and returns true; anything else, a zero type included, is skipped, because a
+// list that promised more items than arrived runs on until the limit.
+template <typename OnElement>
+inline void nbcp_walk_items(nbcp_decoder &d, uint32_t limit, uint32_t count, uint32_t max_items,
+                            uint16_t end_code, OnElement &&on_element) {
+    uint32_t items = std::min(count, max_items);
+    for (uint32_t i = 0; i < items && d.consumed < limit; ++i) {
+        while (d.consumed < limit) {
+            uint16_t type = nbcp_get_u16(d);
+            uint16_t len = nbcp_get_u16(d);
+            if (type == end_code) {
+                nbcp_get_u8(d);
+                break;
+            }
+            if (!on_element(i, type, len)) {
+                nbcp_skip(d, len);
+            }
+        }
+    }
+}
+
+// Reads min(count, AP_RADIO_MAX) radios after a radio-count element; radios beyond the fourth
+// are left to the enclosing walk, which skips their elements.
+inline void nbcp_read_radios(nbcp_decoder &d, uint32_t limit, uint8_t count, radio_info *radios,
+                             const nbcp_radio_codes &codes) {
+    nbcp_walk_items(d, limit, count, AP_RADIO_MAX, codes.end,
+                    [&](uint32_t i, uint16_t type, uint16_t) {
+                        radio_info &r = radios[i];
+                        if (type == codes.radioid) {
+                            r.radioid = nbcp_get_u8(d);
+                        } else if (type == codes.channel) {
+                            r.channel = nbcp_get_u8(d);
+                        } else if (type == codes.txpower) {
+                            r.txpower = nbcp_get_u8(d);
+                        } else if (type == codes.rssi) {
+                            r.rssi = nbcp_get_u8(d);
+                        } else if (type == codes.bandwidth) {
+                            r.bandwidth = nbcp_get_u8(d);
+                        } else {
+                            return false;
+                        }
+                        return true;
+                    });
+}

@@ -1,0 +1,158 @@
+// The nbcp packet header and the TLV element layer: put operations that append one element,
+// get operations that read one value at a decoding cursor.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+// Bytes of the packet header on the wire; every body starts right after it.
+constexpr size_t NBCP_HDR_LEN = 10;
+// Type and length fields in front of every element value.
+constexpr size_t NBCP_TL_LEN = 4;
+// The bare 16-bit zero that closes every body and every neighbor list.
+constexpr size_t NBCP_END_LEN = 2;
+
+// In memory the fields keep this order; on the wire arg2 precedes type and arg1 follows it.
+struct nbcp_hdr {
+    uint8_t flag;
+    uint8_t type;
+    uint16_t arg1;
+    uint16_t arg2;
+    uint32_t arg3;
+};
+
+// Writes the 10 wire bytes of hdr at out (multi-byte fields big-endian). Returns 1, or 0 when
+// a pointer is null.
+int nbcp_hdr_encode(uint8_t *out, const nbcp_hdr *hdr);
+
+// Encoding cursor: where the next element goes and how many bytes the message holds so far.
+// The count is what the caller sends; nothing here knows the size of the output buffer, so
+// every builder bounds its own output (see the *_MAX constants in nbcp.h).
+struct nbcp_encoder {
+    uint8_t *pos;
+    uint32_t count;
+};
+
+// Decoding cursor over a readable region of len bytes. Every byte at or past len reads as
+// zero, so a walk that runs off the end of a datagram meets zero types and zero lengths, as
+// the element walk expects, without touching memory beyond the region.
+struct nbcp_decoder {
+    const uint8_t *data;
+    size_t len;
+    size_t pos;         // offset of the next byte inside data (may exceed len)
+    uint32_t consumed;  // bytes consumed since the cursor was placed
+};
+
+inline nbcp_decoder nbcp_decoder_at(const uint8_t *data, size_t len, size_t start) {
+    return nbcp_decoder{data, len, start, 0};
+}
+
+// Out-of-line part of nbcp_read for reads that reach past the region.
+void nbcp_read_tail(const nbcp_decoder &d, uint8_t *dst, size_t n);
+
+// Copies n bytes at the cursor to dst (zeros past the region) and advances the cursor.
+inline void nbcp_read(nbcp_decoder &d, uint8_t *dst, size_t n) {
+    if (d.pos <= d.len && n <= d.len - d.pos) {
+        std::memcpy(dst, d.data + d.pos, n);
+    } else {
+        nbcp_read_tail(d, dst, n);
+    }
+    d.pos += n;
+    d.consumed += static_cast<uint32_t>(n);
+}
+
+inline uint16_t nbcp_get_u16(nbcp_decoder &d) {
+    uint8_t b[2];
+    nbcp_read(d, b, sizeof b);
+    return static_cast<uint16_t>(b[0] << 8 | b[1]);
+}
+
+// The fixed-width reads take their width whatever the element's length field says.
+inline uint8_t nbcp_get_u8(nbcp_decoder &d) {
+    uint8_t b;
+    nbcp_read(d, &b, 1);
+    return b;
+}
+
+inline uint32_t nbcp_get_u32(nbcp_decoder &d) {
+    uint8_t b[4];
+    nbcp_read(d, b, sizeof b);
+    return static_cast<uint32_t>(b[0]) << 24 | static_cast<uint32_t>(b[1]) << 16 |
+           static_cast<uint32_t>(b[2]) << 8 | b[3];
+}
+
+inline void nbcp_get_mac(nbcp_decoder &d, uint8_t *dst) {
+    nbcp_read(d, dst, 6);
+}
+
+inline void nbcp_get_addr6(nbcp_decoder &d, uint8_t *dst) {
+    nbcp_read(d, dst, 16);
+}
+
+inline void nbcp_skip(nbcp_decoder &d, size_t n) {
+    d.pos += n;
+    d.consumed += static_cast<uint32_t>(n);
+}
+
+// Reads a string value of len bytes into a field of cap bytes. The field is first cleared over
+// its current string length; then at most cap - 1 bytes are copied (no NUL is appended), so a
+// field that started zeroed stays NUL-terminated. The whole value is consumed either way, which
+// keeps the walk in step with the elements that follow.
+void nbcp_get_string(nbcp_decoder &d, size_t len, char *dst, size_t cap);
+
+inline void nbcp_put_tl(nbcp_encoder &e, uint16_t type, uint16_t len) {
+    e.pos[0] = static_cast<uint8_t>(type >> 8);
+    e.pos[1] = static_cast<uint8_t>(type);
+    e.pos[2] = static_cast<uint8_t>(len >> 8);
+    e.pos[3] = static_cast<uint8_t>(len);
+    e.pos += NBCP_TL_LEN;
+    e.count += NBCP_TL_LEN;
+}
+
+inline uint8_t *nbcp_put_raw(nbcp_encoder &e, uint16_t type, const uint8_t *value, uint16_t len) {
+    nbcp_put_tl(e, type, len);
+    if (len != 0) {
+        std::memcpy(e.pos, value, len);
+    }
+    e.pos += len;
+    e.count += len;
+    return e.pos;
+}
+
+inline uint8_t *nbcp_put_u8(nbcp_encoder &e, uint16_t type, uint8_t value) {
+    return nbcp_put_raw(e, type, &value, 1);
+}
+
+inline uint8_t *nbcp_put_u32(nbcp_encoder &e, uint16_t type, uint32_t value) {
+    const uint8_t b[4] = {static_cast<uint8_t>(value >> 24), static_cast<uint8_t>(value >> 16),
+                          static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)};
+    return nbcp_put_raw(e, type, b, sizeof b);
+}
+
+inline uint8_t *nbcp_put_mac(nbcp_encoder &e, uint16_t type, const uint8_t *mac) {
+    return nbcp_put_raw(e, type, mac, 6);
+}
+
+inline uint8_t *nbcp_put_addr6(nbcp_encoder &e, uint16_t type, const uint8_t *addr6) {
+    return nbcp_put_raw(e, type, addr6, 16);
+}
+
+// Writes the characters of s up to its NUL, and never more than max_len of them, so a field
+// whose terminator was lost cannot drag bytes from beyond it onto the wire.
+uint8_t *nbcp_put_string(nbcp_encoder &e, uint16_t type, const char *s, size_t max_len);
+
+// A record's string field goes out with at most capacity - 1 characters: the most it holds as a
+// C string, and the most a reader keeps.
+template <size_t N>
+inline uint8_t *nbcp_put_field_string(nbcp_encoder &e, uint16_t type, const char (&field)[N]) {
+    return nbcp_put_string(e, type, field, N - 1);
+}
+
+inline uint8_t *nbcp_put_end(nbcp_encoder &e) {
+    e.pos[0] = 0;
+    e.pos[1] = 0;
+    e.pos += NBCP_END_LEN;
+    e.count += NBCP_END_LEN;
+    return e.pos;
+}
