@@ -55,10 +55,10 @@ int add_locked(const mac_addr &mac, const char *ip, const char *ip6, const ip6_a
         return 0;
     }
     if (static_member_list.count >= STATIC_NGBR_MAX) {
-        TARN_WARN("%s: static neighbor list is full (%d nodes), %02x:%02x:%02x:%02x:%02x:%02x "
-                  "not added\n",
-                  "static_mac_add", STATIC_NGBR_MAX, mac[0], mac[1], mac[2], mac[3], mac[4],
-                  mac[5]);
+        TARN_WARN(
+            "%s: static neighbor list is full (%d nodes), %02x:%02x:%02x:%02x:%02x:%02x "
+            "not added\n",
+            "static_mac_add", STATIC_NGBR_MAX, mac[0], mac[1], mac[2], mac[3], mac[4], mac[5]);
         return -1;
     }
     static_member *node = static_member_new();
@@ -86,8 +86,7 @@ int static_mac_add(const char *mac, const char *ip, const char *ip6) {
     }
     mac_addr parsed{};
     if (parse_mac_text(mac, parsed) != 0) {
-        TARN_WARN("%s: MAC text refused (more than 6 groups or 63 characters)\n",
-                  "static_mac_add");
+        TARN_WARN("%s: MAC text refused (more than 6 groups or 63 characters)\n", "static_mac_add");
         return -1;
     }
     if (ip != nullptr && strnlen(ip, IPV4_TEXT_MAX + 1) > IPV4_TEXT_MAX) {

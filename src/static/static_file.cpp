@@ -86,8 +86,7 @@ void take_entries(const cJSON *list, int count) {
     for (int i = 0; i < count; ++i) {
         const cJSON *entry = cJSON_GetArrayItem(list, i);
         if (const char *why = entry_refusal(entry)) {
-            TARN_WARN("%s: static neighbor entry %d skipped: %s\n", "load_static_neighbor", i,
-                      why);
+            TARN_WARN("%s: static neighbor entry %d skipped: %s\n", "load_static_neighbor", i, why);
             continue;
         }
         static_member *node = static_member_new();
