@@ -113,50 +113,6 @@ uint32_t long_list_items(uint32_t count) {
     return std::min(count, NBCP_LONG_LIST_MAX);
 }
 
-}  // namespace
-
-void nbcp_parse_kind1_tlv(nbcp_decoder &d, uint32_t limit, nbcp_msg &msg) {
-    nbcp_kind1 &rec = msg.m.kind1;
-    nbcp_walk(d, limit, [&](uint16_t type, uint16_t) {
-        switch (type) {
-            case K1_FIELD1:
-                rec.field1 = nbcp_get_u8(d);
-                return true;
-            case K1_FIELD2:
-                rec.field2 = nbcp_get_u8(d);
-                return true;
-            case K1_FIELD3:
-                rec.field3 = nbcp_get_u8(d);
-                return true;
-            case K1_ADDRESS:
-                nbcp_get_mac(d, rec.address.data());
-                return true;
-            case K1_FIELD5:
-                rec.field5 = nbcp_get_u8(d);
-                return true;
-            case K1_ITEM_COUNT:
-                rec.item_count = nbcp_get_u8(d);
-                read_item4_list(d, limit, rec.item_count, K1_ITEM_END, K1_ITEM_BYTE1, rec.items);
-                return true;
-            default:
-                return false;
-        }
-    });
-}
-
-void nbcp_parse_kind1_fixed(nbcp_decoder &d, uint32_t, nbcp_msg &msg) {
-    nbcp_kind1 &rec = msg.m.kind1;
-    rec.field1 = nbcp_get_u8(d);
-    rec.field2 = nbcp_get_u8(d);
-    rec.field3 = nbcp_get_u8(d);
-    nbcp_get_mac(d, rec.address.data());
-    rec.field5 = nbcp_get_u8(d);
-    rec.item_count = nbcp_get_u8(d);
-    read_fixed_items(d, rec.item_count, 3, rec.items);
-}
-
-namespace {
-
 bool read_kind2_entry(nbcp_decoder &d, uint16_t type, uint16_t len, nbcp_kind2_entry &e) {
     switch (type) {
         case K2_ENTRY_ADDRESS:
@@ -181,167 +137,6 @@ bool read_kind2_entry(nbcp_decoder &d, uint16_t type, uint16_t len, nbcp_kind2_e
             return false;
     }
 }
-
-}  // namespace
-
-void nbcp_parse_kind2_tlv(nbcp_decoder &d, uint32_t limit, nbcp_msg &msg) {
-    nbcp_kind2 &rec = msg.m.kind2;
-    nbcp_walk(d, limit, [&](uint16_t type, uint16_t) {
-        switch (type) {
-            case K2_FIELD1:
-                rec.field1 = nbcp_get_u8(d);
-                return true;
-            case K2_FIELD2:
-                rec.field2 = nbcp_get_u8(d);
-                return true;
-            case K2_FIELD3:
-                rec.field3 = nbcp_get_u8(d);
-                return true;
-            case K2_ADDRESS:
-                nbcp_get_mac(d, rec.address.data());
-                return true;
-            case K2_ENTRY_COUNT:
-                rec.entry_count = nbcp_get_u8(d);
-                nbcp_walk_items(d, limit, rec.entry_count, NBCP_LONG_LIST_MAX, K2_ENTRY_END,
-                                [&](uint32_t i, uint16_t t, uint16_t len) {
-                                    return read_kind2_entry(d, t, len, rec.entries[i]);
-                                });
-                return true;
-            default:
-                return false;
-        }
-    });
-}
-
-void nbcp_parse_kind2_fixed(nbcp_decoder &d, uint32_t, nbcp_msg &msg) {
-    nbcp_kind2 &rec = msg.m.kind2;
-    rec.field1 = nbcp_get_u8(d);
-    rec.field2 = nbcp_get_u8(d);
-    rec.field3 = nbcp_get_u8(d);
-    nbcp_get_mac(d, rec.address.data());
-    rec.entry_count = nbcp_get_u8(d);
-    uint32_t n = long_list_items(rec.entry_count);
-    for (uint32_t i = 0; i < n; ++i) {
-        nbcp_kind2_entry &e = rec.entries[i];
-        nbcp_get_mac(d, e.address.data());
-        e.field2 = nbcp_get_u8(d);
-        e.field3 = nbcp_get_u8(d);
-        e.value = nbcp_get_u32(d);
-        // Up to four 3-byte groups follow, not carried; a larger count means none follow.
-        uint8_t groups = nbcp_get_u8(d);
-        if (groups < 5) {
-            nbcp_skip(d, groups * 3u);
-        }
-    }
-}
-
-void nbcp_parse_kind3_tlv(nbcp_decoder &d, uint32_t limit, nbcp_msg &msg) {
-    nbcp_kind3 &rec = msg.m.kind3;
-    nbcp_walk(d, limit, [&](uint16_t type, uint16_t len) {
-        switch (type) {
-            case K3_FIELD1:
-                rec.field1 = nbcp_get_u8(d);
-                return true;
-            case K3_FIELD2:
-                rec.field2 = nbcp_get_u8(d);
-                return true;
-            case K3_FIELD3:
-                rec.field3 = nbcp_get_u8(d);
-                return true;
-            case K3_ADDRESS:
-                nbcp_get_mac(d, rec.address.data());
-                return true;
-            case K3_FIELD5:
-                rec.field5 = nbcp_get_u8(d);
-                return true;
-            case K3_ITEM_COUNT:
-                rec.item_count = nbcp_get_u8(d);
-                read_item4_list(d, limit, rec.item_count, K3_ITEM_END, K3_ITEM_BYTE1, rec.items);
-                return true;
-            case K3_VALUE:
-                rec.value = nbcp_get_u32(d);
-                return true;
-            case K3_TEXT1:
-                nbcp_get_string(d, len, rec.text1, sizeof rec.text1);
-                return true;
-            case K3_TEXT2:
-                nbcp_get_string(d, len, rec.text2, sizeof rec.text2);
-                return true;
-            case K3_TEXT3:
-                nbcp_get_string(d, len, rec.text3, sizeof rec.text3);
-                return true;
-            case K3_TEXT4:
-                nbcp_get_string(d, len, rec.text4, sizeof rec.text4);
-                return true;
-            default:
-                return false;
-        }
-    });
-}
-
-void nbcp_parse_kind3_fixed(nbcp_decoder &d, uint32_t, nbcp_msg &msg) {
-    nbcp_kind3 &rec = msg.m.kind3;
-    rec.field1 = nbcp_get_u8(d);
-    rec.field2 = nbcp_get_u8(d);
-    rec.field3 = nbcp_get_u8(d);
-    nbcp_get_mac(d, rec.address.data());
-    rec.field5 = nbcp_get_u8(d);
-    rec.item_count = nbcp_get_u8(d);
-    read_fixed_items(d, rec.item_count, 3, rec.items);
-    rec.value = nbcp_get_u32(d);
-    // Raw bytes, terminated or not, exactly as wide as the fields.
-    nbcp_read(d, reinterpret_cast<uint8_t *>(rec.text1), sizeof rec.text1);
-    nbcp_read(d, reinterpret_cast<uint8_t *>(rec.text2), sizeof rec.text2);
-    nbcp_read(d, reinterpret_cast<uint8_t *>(rec.text3), sizeof rec.text3);
-    nbcp_read(d, reinterpret_cast<uint8_t *>(rec.text4), sizeof rec.text4);
-}
-
-void nbcp_parse_kind4_tlv(nbcp_decoder &d, uint32_t limit, nbcp_msg &msg) {
-    nbcp_kind4 &rec = msg.m.kind4;
-    auto read_entry = [&](uint32_t i, uint16_t type, uint16_t) {
-        nbcp_kind4_entry &e = rec.entries[i];
-        switch (type) {
-            case K4_ENTRY_ADDRESS:
-                nbcp_get_mac(d, e.address.data());
-                return true;
-            case K4_ITEM_COUNT:
-                e.item_count = nbcp_get_u8(d);
-                read_item4_list(d, limit, e.item_count, K4_ITEM_END, K4_ITEM_BYTE1, e.items);
-                return true;
-            default:
-                return false;
-        }
-    };
-    nbcp_walk(d, limit, [&](uint16_t type, uint16_t) {
-        switch (type) {
-            case K4_ADDRESS:
-                nbcp_get_mac(d, rec.address.data());
-                return true;
-            case K4_ENTRY_COUNT:
-                rec.entry_count = nbcp_get_u8(d);
-                nbcp_walk_items(d, limit, rec.entry_count, NBCP_LONG_LIST_MAX, K4_ENTRY_END,
-                                read_entry);
-                return true;
-            default:
-                return false;
-        }
-    });
-}
-
-void nbcp_parse_kind4_fixed(nbcp_decoder &d, uint32_t, nbcp_msg &msg) {
-    nbcp_kind4 &rec = msg.m.kind4;
-    nbcp_get_mac(d, rec.address.data());
-    rec.entry_count = nbcp_get_u8(d);
-    uint32_t n = long_list_items(rec.entry_count);
-    for (uint32_t i = 0; i < n; ++i) {
-        nbcp_kind4_entry &e = rec.entries[i];
-        nbcp_get_mac(d, e.address.data());
-        e.item_count = nbcp_get_u8(d);
-        read_fixed_items(d, e.item_count, ITEM_BYTES, e.items);
-    }
-}
-
-namespace {
 
 void read_kind5_neighbors(nbcp_decoder &d, uint32_t limit, nbcp_kind5_entry &e) {
     nbcp_walk_items(d, limit, e.neighbor_count, NBCP_LONG_LIST_MAX, K5_NEIGHBOR_END,
@@ -391,7 +186,213 @@ bool read_kind5_entry(nbcp_decoder &d, uint32_t limit, uint16_t type, nbcp_kind5
 
 }  // namespace
 
-void nbcp_parse_kind5_tlv(nbcp_decoder &d, uint32_t limit, nbcp_msg &msg) {
+void nbcp_parse_kind1_tlv(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &msg) {
+    nbcp_decoder d = nbcp_body(datagram, size);
+    nbcp_kind1 &rec = msg.m.kind1;
+    nbcp_walk(d, limit, [&](uint16_t type, uint16_t) {
+        switch (type) {
+            case K1_FIELD1:
+                rec.field1 = nbcp_get_u8(d);
+                return true;
+            case K1_FIELD2:
+                rec.field2 = nbcp_get_u8(d);
+                return true;
+            case K1_FIELD3:
+                rec.field3 = nbcp_get_u8(d);
+                return true;
+            case K1_ADDRESS:
+                nbcp_get_mac(d, rec.address.data());
+                return true;
+            case K1_FIELD5:
+                rec.field5 = nbcp_get_u8(d);
+                return true;
+            case K1_ITEM_COUNT:
+                rec.item_count = nbcp_get_u8(d);
+                read_item4_list(d, limit, rec.item_count, K1_ITEM_END, K1_ITEM_BYTE1, rec.items);
+                return true;
+            default:
+                return false;
+        }
+    });
+}
+
+void nbcp_parse_kind1_fixed(const uint8_t *datagram, size_t size, uint32_t, nbcp_msg &msg) {
+    nbcp_decoder d = nbcp_body(datagram, size);
+    nbcp_kind1 &rec = msg.m.kind1;
+    rec.field1 = nbcp_get_u8(d);
+    rec.field2 = nbcp_get_u8(d);
+    rec.field3 = nbcp_get_u8(d);
+    nbcp_get_mac(d, rec.address.data());
+    rec.field5 = nbcp_get_u8(d);
+    rec.item_count = nbcp_get_u8(d);
+    read_fixed_items(d, rec.item_count, 3, rec.items);
+}
+
+void nbcp_parse_kind2_tlv(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &msg) {
+    nbcp_decoder d = nbcp_body(datagram, size);
+    nbcp_kind2 &rec = msg.m.kind2;
+    nbcp_walk(d, limit, [&](uint16_t type, uint16_t) {
+        switch (type) {
+            case K2_FIELD1:
+                rec.field1 = nbcp_get_u8(d);
+                return true;
+            case K2_FIELD2:
+                rec.field2 = nbcp_get_u8(d);
+                return true;
+            case K2_FIELD3:
+                rec.field3 = nbcp_get_u8(d);
+                return true;
+            case K2_ADDRESS:
+                nbcp_get_mac(d, rec.address.data());
+                return true;
+            case K2_ENTRY_COUNT:
+                rec.entry_count = nbcp_get_u8(d);
+                nbcp_walk_items(d, limit, rec.entry_count, NBCP_LONG_LIST_MAX, K2_ENTRY_END,
+                                [&](uint32_t i, uint16_t t, uint16_t len) {
+                                    return read_kind2_entry(d, t, len, rec.entries[i]);
+                                });
+                return true;
+            default:
+                return false;
+        }
+    });
+}
+
+void nbcp_parse_kind2_fixed(const uint8_t *datagram, size_t size, uint32_t, nbcp_msg &msg) {
+    nbcp_decoder d = nbcp_body(datagram, size);
+    nbcp_kind2 &rec = msg.m.kind2;
+    rec.field1 = nbcp_get_u8(d);
+    rec.field2 = nbcp_get_u8(d);
+    rec.field3 = nbcp_get_u8(d);
+    nbcp_get_mac(d, rec.address.data());
+    rec.entry_count = nbcp_get_u8(d);
+    uint32_t n = long_list_items(rec.entry_count);
+    for (uint32_t i = 0; i < n; ++i) {
+        nbcp_kind2_entry &e = rec.entries[i];
+        nbcp_get_mac(d, e.address.data());
+        e.field2 = nbcp_get_u8(d);
+        e.field3 = nbcp_get_u8(d);
+        e.value = nbcp_get_u32(d);
+        // Up to four 3-byte groups follow, not carried; a larger count means none follow.
+        uint8_t groups = nbcp_get_u8(d);
+        if (groups < 5) {
+            nbcp_skip(d, groups * 3u);
+        }
+    }
+}
+
+void nbcp_parse_kind3_tlv(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &msg) {
+    nbcp_decoder d = nbcp_body(datagram, size);
+    nbcp_kind3 &rec = msg.m.kind3;
+    nbcp_walk(d, limit, [&](uint16_t type, uint16_t len) {
+        switch (type) {
+            case K3_FIELD1:
+                rec.field1 = nbcp_get_u8(d);
+                return true;
+            case K3_FIELD2:
+                rec.field2 = nbcp_get_u8(d);
+                return true;
+            case K3_FIELD3:
+                rec.field3 = nbcp_get_u8(d);
+                return true;
+            case K3_ADDRESS:
+                nbcp_get_mac(d, rec.address.data());
+                return true;
+            case K3_FIELD5:
+                rec.field5 = nbcp_get_u8(d);
+                return true;
+            case K3_ITEM_COUNT:
+                rec.item_count = nbcp_get_u8(d);
+                read_item4_list(d, limit, rec.item_count, K3_ITEM_END, K3_ITEM_BYTE1, rec.items);
+                return true;
+            case K3_VALUE:
+                rec.value = nbcp_get_u32(d);
+                return true;
+            case K3_TEXT1:
+                nbcp_get_string(d, len, rec.text1, sizeof rec.text1);
+                return true;
+            case K3_TEXT2:
+                nbcp_get_string(d, len, rec.text2, sizeof rec.text2);
+                return true;
+            case K3_TEXT3:
+                nbcp_get_string(d, len, rec.text3, sizeof rec.text3);
+                return true;
+            case K3_TEXT4:
+                nbcp_get_string(d, len, rec.text4, sizeof rec.text4);
+                return true;
+            default:
+                return false;
+        }
+    });
+}
+
+void nbcp_parse_kind3_fixed(const uint8_t *datagram, size_t size, uint32_t, nbcp_msg &msg) {
+    nbcp_decoder d = nbcp_body(datagram, size);
+    nbcp_kind3 &rec = msg.m.kind3;
+    rec.field1 = nbcp_get_u8(d);
+    rec.field2 = nbcp_get_u8(d);
+    rec.field3 = nbcp_get_u8(d);
+    nbcp_get_mac(d, rec.address.data());
+    rec.field5 = nbcp_get_u8(d);
+    rec.item_count = nbcp_get_u8(d);
+    read_fixed_items(d, rec.item_count, 3, rec.items);
+    rec.value = nbcp_get_u32(d);
+    // Raw bytes, terminated or not, exactly as wide as the fields.
+    nbcp_read(d, reinterpret_cast<uint8_t *>(rec.text1), sizeof rec.text1);
+    nbcp_read(d, reinterpret_cast<uint8_t *>(rec.text2), sizeof rec.text2);
+    nbcp_read(d, reinterpret_cast<uint8_t *>(rec.text3), sizeof rec.text3);
+    nbcp_read(d, reinterpret_cast<uint8_t *>(rec.text4), sizeof rec.text4);
+}
+
+void nbcp_parse_kind4_tlv(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &msg) {
+    nbcp_decoder d = nbcp_body(datagram, size);
+    nbcp_kind4 &rec = msg.m.kind4;
+    auto read_entry = [&](uint32_t i, uint16_t type, uint16_t) {
+        nbcp_kind4_entry &e = rec.entries[i];
+        switch (type) {
+            case K4_ENTRY_ADDRESS:
+                nbcp_get_mac(d, e.address.data());
+                return true;
+            case K4_ITEM_COUNT:
+                e.item_count = nbcp_get_u8(d);
+                read_item4_list(d, limit, e.item_count, K4_ITEM_END, K4_ITEM_BYTE1, e.items);
+                return true;
+            default:
+                return false;
+        }
+    };
+    nbcp_walk(d, limit, [&](uint16_t type, uint16_t) {
+        switch (type) {
+            case K4_ADDRESS:
+                nbcp_get_mac(d, rec.address.data());
+                return true;
+            case K4_ENTRY_COUNT:
+                rec.entry_count = nbcp_get_u8(d);
+                nbcp_walk_items(d, limit, rec.entry_count, NBCP_LONG_LIST_MAX, K4_ENTRY_END,
+                                read_entry);
+                return true;
+            default:
+                return false;
+        }
+    });
+}
+
+void nbcp_parse_kind4_fixed(const uint8_t *datagram, size_t size, uint32_t, nbcp_msg &msg) {
+    nbcp_decoder d = nbcp_body(datagram, size);
+    nbcp_kind4 &rec = msg.m.kind4;
+    nbcp_get_mac(d, rec.address.data());
+    rec.entry_count = nbcp_get_u8(d);
+    uint32_t n = long_list_items(rec.entry_count);
+    for (uint32_t i = 0; i < n; ++i) {
+        nbcp_kind4_entry &e = rec.entries[i];
+        nbcp_get_mac(d, e.address.data());
+        e.item_count = nbcp_get_u8(d);
+        read_fixed_items(d, e.item_count, ITEM_BYTES, e.items);
+    }
+}
+
+void nbcp_parse_kind5_tlv(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &msg) {
+    nbcp_decoder d = nbcp_body(datagram, size);
     nbcp_kind5 &rec = msg.m.kind5;
     nbcp_walk(d, limit, [&](uint16_t type, uint16_t) {
         switch (type) {
@@ -411,7 +412,8 @@ void nbcp_parse_kind5_tlv(nbcp_decoder &d, uint32_t limit, nbcp_msg &msg) {
     });
 }
 
-void nbcp_parse_kind5_fixed(nbcp_decoder &d, uint32_t, nbcp_msg &msg) {
+void nbcp_parse_kind5_fixed(const uint8_t *datagram, size_t size, uint32_t, nbcp_msg &msg) {
+    nbcp_decoder d = nbcp_body(datagram, size);
     nbcp_kind5 &rec = msg.m.kind5;
     rec.value = nbcp_get_u32(d);
     rec.entry_count = nbcp_get_u32(d);
@@ -435,7 +437,8 @@ void nbcp_parse_kind5_fixed(nbcp_decoder &d, uint32_t, nbcp_msg &msg) {
     }
 }
 
-void nbcp_parse_kind6_tlv(nbcp_decoder &d, uint32_t limit, nbcp_msg &msg) {
+void nbcp_parse_kind6_tlv(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &msg) {
+    nbcp_decoder d = nbcp_body(datagram, size);
     nbcp_kind6 &rec = msg.m.kind6;
     nbcp_walk(d, limit, [&](uint16_t type, uint16_t) {
         switch (type) {
@@ -465,7 +468,8 @@ void nbcp_parse_kind6_tlv(nbcp_decoder &d, uint32_t limit, nbcp_msg &msg) {
     });
 }
 
-void nbcp_parse_kind6_fixed(nbcp_decoder &d, uint32_t, nbcp_msg &msg) {
+void nbcp_parse_kind6_fixed(const uint8_t *datagram, size_t size, uint32_t, nbcp_msg &msg) {
+    nbcp_decoder d = nbcp_body(datagram, size);
     nbcp_kind6 &rec = msg.m.kind6;
     rec.field1 = nbcp_get_u8(d);
     rec.value1 = nbcp_get_u32(d);
@@ -477,7 +481,8 @@ void nbcp_parse_kind6_fixed(nbcp_decoder &d, uint32_t, nbcp_msg &msg) {
     rec.value2 = nbcp_get_u32(d);
 }
 
-void nbcp_parse_type15(nbcp_decoder &d, uint32_t, nbcp_msg &msg) {
+void nbcp_parse_type15(const uint8_t *datagram, size_t size, uint32_t, nbcp_msg &msg) {
+    nbcp_decoder d = nbcp_body(datagram, size);
     nbcp_type15 &rec = msg.m.type15;
     rec.subtype = nbcp_get_u16(d);
     uint32_t value = nbcp_get_u32(d);
@@ -503,7 +508,8 @@ void nbcp_parse_type15(nbcp_decoder &d, uint32_t, nbcp_msg &msg) {
     }
 }
 
-void nbcp_parse_type16(nbcp_decoder &d, uint32_t, nbcp_msg &msg) {
+void nbcp_parse_type16(const uint8_t *datagram, size_t size, uint32_t, nbcp_msg &msg) {
+    nbcp_decoder d = nbcp_body(datagram, size);
     nbcp_type16 &rec = msg.m.type16;
     rec.count = nbcp_get_u8(d);
     nbcp_get_mac(d, rec.address.data());

@@ -121,8 +121,9 @@ size_t nbcp_list_read(const uint8_t *reply, size_t len, ap_info *entries, size_t
     // Entries are not length-prefixed: one flat walk, where each end-of-entry element moves on
     // to the next record. It stops once the caller's array is full.
     while (index < capacity && d.consumed < NBCP_LIST_WALK_LIMIT) {
-        uint16_t type = nbcp_get_u16(d);
-        uint16_t len_field = nbcp_get_u16(d);
+        uint16_t type;
+        uint16_t len_field;
+        nbcp_get_tl(d, type, len_field);
         if (type == 0) {
             break;
         }

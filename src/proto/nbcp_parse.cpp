@@ -14,7 +14,8 @@ constexpr uint32_t NBCP_WALK_LIMIT = 1008;
 constexpr uint32_t NBCP_KIND2_WALK_LIMIT = 65535;
 constexpr uint32_t NBCP_KIND5_WALK_LIMIT = 2008;
 
-void parse_ndrp(nbcp_decoder &d, uint32_t limit, nbcp_msg &msg) {
+void parse_ndrp(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &msg) {
+    nbcp_decoder d = nbcp_body(datagram, size);
     nbcp_ndrp &rec = msg.m.ndrp;
     // The probe's own IPv6 address is skipped with every unknown code: the answer goes to the
     // datagram's source address.
@@ -38,46 +39,11 @@ void parse_ndrp(nbcp_decoder &d, uint32_t limit, nbcp_msg &msg) {
     });
 }
 
-bool read_ndsp_info(nbcp_decoder &d, uint32_t limit, uint16_t type, uint16_t len, ap_info &info) {
-    switch (type) {
-        case NDSP_INFO_IP:
-            info.ip = nbcp_get_u32(d);
-            return true;
-        case NDSP_INFO_MAC:
-            nbcp_get_mac(d, info.mac.data());
-            return true;
-        case NDSP_INFO_STATE:
-            info.state = nbcp_get_u8(d);
-            return true;
-        case NDSP_INFO_VERSION:
-            nbcp_get_string(d, len, info.version, sizeof info.version);
-            return true;
-        case NDSP_INFO_NAME:
-            nbcp_get_string(d, len, info.name, sizeof info.name);
-            return true;
-        case NDSP_INFO_QV_IP:
-            info.qv_ip = nbcp_get_u32(d);
-            return true;
-        case NDSP_INFO_TENANT_ID:
-            nbcp_get_string(d, len, info.tenantId, sizeof info.tenantId);
-            return true;
-        case NDSP_INFO_IP6:
-            nbcp_get_addr6(d, info.ip6.data());
-            return true;
-        case NDSP_INFO_RADIOCNT:
-            // Stored as received even above four; the radios past the fourth are skipped by
-            // the outer walk as codes met outside a radio.
-            info.radiocnt = nbcp_get_u8(d);
-            nbcp_read_radios(d, limit, info.radiocnt, info.radio, NDSP_RADIO_CODES);
-            return true;
-        default:
-            return false;
-    }
-}
-
-void parse_ndsp(nbcp_decoder &d, uint32_t limit, nbcp_msg &msg) {
+void parse_ndsp(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &msg) {
+    nbcp_decoder d = nbcp_body(datagram, size);
     nbcp_ndsp &rec = msg.m.ndsp;
-    nbcp_walk(d, limit, [&](uint16_t type, uint16_t len) {
+    ap_info &info = rec.info;
+    auto on_element = [&](uint16_t type, uint16_t len) __attribute__((always_inline)) {
         switch (type) {
             case NDSP_KIND_FLAG:
                 rec.kind_flag = nbcp_get_u8(d);
@@ -103,13 +69,47 @@ void parse_ndsp(nbcp_decoder &d, uint32_t limit, nbcp_msg &msg) {
             case NDSP_CLUSTER_FLAG:
                 rec.cluster_flag = nbcp_get_u8(d);
                 return true;
+            case NDSP_INFO_IP:
+                info.ip = nbcp_get_u32(d);
+                return true;
+            case NDSP_INFO_MAC:
+                nbcp_get_mac(d, info.mac.data());
+                return true;
+            case NDSP_INFO_STATE:
+                info.state = nbcp_get_u8(d);
+                return true;
+            case NDSP_INFO_VERSION:
+                nbcp_get_string(d, len, info.version, sizeof info.version);
+                return true;
+            case NDSP_INFO_NAME:
+                nbcp_get_string(d, len, info.name, sizeof info.name);
+                return true;
+            case NDSP_INFO_QV_IP:
+                info.qv_ip = nbcp_get_u32(d);
+                return true;
+            case NDSP_INFO_TENANT_ID:
+                nbcp_get_string(d, len, info.tenantId, sizeof info.tenantId);
+                return true;
+            case NDSP_INFO_IP6:
+                nbcp_get_addr6(d, info.ip6.data());
+                return true;
+            case NDSP_INFO_RADIOCNT:
+                // Stored as received even above four; the radios past the fourth are skipped
+                // by this walk as codes met outside a radio.
+                info.radiocnt = nbcp_get_u8(d);
+                nbcp_read_radios(d, limit, info.radiocnt, info.radio, NDSP_RADIO_CODES);
+                return true;
             default:
-                return read_ndsp_info(d, limit, type, len, rec.info);
+                return false;
         }
-    });
+    };
+    nbcp_walk_in_order<NDSP_KIND_FLAG, NDSP_MODE, NDSP_IP, NDSP_MAC, NDSP_PVC_IP, NDSP_CLUSTER_ID,
+                       NDSP_PVC_MAC, NDSP_CLUSTER_FLAG, NDSP_INFO_IP, NDSP_INFO_IP6,
+                       NDSP_INFO_QV_IP, NDSP_INFO_MAC, NDSP_INFO_STATE, NDSP_INFO_TENANT_ID,
+                       NDSP_INFO_VERSION, NDSP_INFO_NAME, NDSP_INFO_RADIOCNT>(d, limit, on_element);
 }
 
-using nbcp_parser = void (*)(nbcp_decoder &d, uint32_t limit, nbcp_msg &msg);
+using nbcp_parser = void (*)(const uint8_t *data, size_t len, uint32_t limit, nbcp_msg &msg);
 
 struct nbcp_dispatch {
     uint8_t kind;  // 0 marks an unknown type
@@ -168,13 +168,12 @@ int nbcp_decode(const uint8_t *data, size_t len, nbcp_msg *msg) {
     if (nbcp_hdr_decode(data, len, msg) == 0) {
         return 0;
     }
-    const nbcp_dispatch &entry = NBCP_DISPATCH[msg->m.hdr.type];
+    const nbcp_dispatch &entry = NBCP_DISPATCH[datagram_type(data, len)];
     if (entry.parse == nullptr) {
         return 0;
     }
     msg->kind = entry.kind;
-    nbcp_decoder d = nbcp_decoder_at(data, len, NBCP_HDR_LEN);
-    entry.parse(d, entry.limit, *msg);
+    entry.parse(data, len, entry.limit, *msg);
     return 1;
 }
 

@@ -15,8 +15,9 @@
 template <typename OnElement>
 inline void nbcp_walk(nbcp_decoder &d, uint32_t limit, OnElement &&on_element) {
     while (d.consumed < limit) {
-        uint16_t type = nbcp_get_u16(d);
-        uint16_t len = nbcp_get_u16(d);
+        uint16_t type;
+        uint16_t len;
+        nbcp_get_tl(d, type, len);
         if (type == 0) {
             return;
         }
@@ -24,6 +25,36 @@ inline void nbcp_walk(nbcp_decoder &d, uint32_t limit, OnElement &&on_element) {
             nbcp_skip(d, len);
         }
     }
+}
+
+// Takes the next element only when its type is Code: exactly one step of nbcp_walk, done with a
+// direct compare instead of the dispatch on the type.
+template <uint16_t Code, typename OnElement>
+inline bool nbcp_walk_expect(nbcp_decoder &d, uint32_t limit, OnElement &on_element) {
+    static_assert(Code != 0, "a zero type ends the walk");
+    if (d.consumed >= limit || !nbcp_fits(d, NBCP_TL_LEN)) {
+        return false;
+    }
+    const uint8_t *tl = d.data + d.consumed;
+    if (nbcp_be16(tl) != Code) {
+        return false;
+    }
+    uint16_t len = nbcp_be16(tl + 2);
+    nbcp_advance(d, NBCP_TL_LEN);
+    if (!on_element(Code, len)) {
+        nbcp_skip(d, len);
+    }
+    return true;
+}
+
+// nbcp_walk for bodies that usually come in one known order (the order this daemon's own
+// builders write): elements are matched against Codes while they keep that order, and the
+// general walk takes over from the first element that does not. Each matched element is handled
+// exactly as the general walk would handle it, so the result does not depend on the order.
+template <uint16_t... Codes, typename OnElement>
+inline void nbcp_walk_in_order(nbcp_decoder &d, uint32_t limit, OnElement &&on_element) {
+    static_cast<void>((nbcp_walk_expect<Codes>(d, limit, on_element) && ...));
+    nbcp_walk(d, limit, on_element);
 }
 
 // Reads the items of a list whose count element was just read: at most max_items of them, each
@@ -36,8 +67,9 @@ inline void nbcp_walk_items(nbcp_decoder &d, uint32_t limit, uint32_t count, uin
     uint32_t items = std::min(count, max_items);
     for (uint32_t i = 0; i < items && d.consumed < limit; ++i) {
         while (d.consumed < limit) {
-            uint16_t type = nbcp_get_u16(d);
-            uint16_t len = nbcp_get_u16(d);
+            uint16_t type;
+            uint16_t len;
+            nbcp_get_tl(d, type, len);
             if (type == end_code) {
                 nbcp_get_u8(d);
                 break;

@@ -35,37 +35,23 @@ int nbcp_hdr_decode(const uint8_t *data, size_t len, nbcp_msg *msg) {
     if (data == nullptr || msg == nullptr) {
         return 0;
     }
+    uint8_t wire[NBCP_HDR_LEN];
     nbcp_decoder d = nbcp_decoder_at(data, len, 0);
+    nbcp_read(d, wire, sizeof wire);
     nbcp_hdr &hdr = msg->m.hdr;
-    hdr.flag = nbcp_get_u8(d);
-    hdr.arg2 = nbcp_get_u16(d);
-    hdr.type = nbcp_get_u8(d);
-    hdr.arg1 = nbcp_get_u16(d);
-    hdr.arg3 = nbcp_get_u32(d);
+    hdr.flag = wire[0];
+    hdr.arg2 = nbcp_be16(wire + 1);
+    hdr.type = wire[3];
+    hdr.arg1 = nbcp_be16(wire + 4);
+    hdr.arg3 = nbcp_be32(wire + 6);
     msg->kind = hdr.type;
     return 1;
 }
 
-void nbcp_read_tail(const nbcp_decoder &d, uint8_t *dst, size_t n) {
-    size_t avail = d.pos < d.len ? std::min(n, d.len - d.pos) : 0;
+void nbcp_read_tail(const uint8_t *data, size_t len, size_t pos, uint8_t *dst, size_t n) {
+    size_t avail = pos < len ? std::min(n, len - pos) : 0;
     if (avail != 0) {
-        std::memcpy(dst, d.data + d.pos, avail);
+        std::memcpy(dst, data + pos, avail);
     }
     std::memset(dst + avail, 0, n - avail);
-}
-
-void nbcp_get_string(nbcp_decoder &d, size_t len, char *dst, size_t cap) {
-    if (cap == 0) {
-        nbcp_skip(d, len);
-        return;
-    }
-    std::memset(dst, 0, strnlen(dst, cap));
-    size_t kept = std::min(len, cap - 1);
-    nbcp_read(d, reinterpret_cast<uint8_t *>(dst), kept);
-    nbcp_skip(d, len - kept);
-}
-
-uint8_t *nbcp_put_string(nbcp_encoder &e, uint16_t type, const char *s, size_t max_len) {
-    size_t len = strnlen(s, std::min<size_t>(max_len, UINT16_MAX));
-    return nbcp_put_raw(e, type, reinterpret_cast<const uint8_t *>(s), static_cast<uint16_t>(len));
 }

@@ -34,52 +34,85 @@ struct nbcp_encoder {
     uint32_t count;
 };
 
-// Decoding cursor over a readable region of len bytes. Every byte at or past len reads as
-// zero, so a walk that runs off the end of a datagram meets zero types and zero lengths, as
-// the element walk expects, without touching memory beyond the region.
+// Decoding cursor: the walk's first byte, the bytes readable from there, and the bytes consumed
+// so far (which is also the offset of the next read). Every byte at or past len reads as zero,
+// so a walk that runs off the end of a datagram meets zero types and zero lengths, as the
+// element walk expects, without touching memory beyond the region.
 struct nbcp_decoder {
     const uint8_t *data;
     size_t len;
-    size_t pos;         // offset of the next byte inside data (may exceed len)
-    uint32_t consumed;  // bytes consumed since the cursor was placed
+    uint32_t consumed;
 };
 
+// Cursor at byte start of a region of len readable bytes.
 inline nbcp_decoder nbcp_decoder_at(const uint8_t *data, size_t len, size_t start) {
-    return nbcp_decoder{data, len, start, 0};
+    size_t skipped = start < len ? start : len;  // a start past the region reads only zeros
+    return nbcp_decoder{data + skipped, len - skipped, 0};
 }
 
-// Out-of-line part of nbcp_read for reads that reach past the region.
-void nbcp_read_tail(const nbcp_decoder &d, uint8_t *dst, size_t n);
+// Cursor at the first body byte of a datagram.
+inline nbcp_decoder nbcp_body(const uint8_t *data, size_t len) {
+    return nbcp_decoder_at(data, len, NBCP_HDR_LEN);
+}
+
+// Out-of-line part of nbcp_read for reads that reach past the region. Takes the cursor's
+// fields by value: a decoder whose address never escapes stays in registers during a walk.
+void nbcp_read_tail(const uint8_t *data, size_t len, size_t pos, uint8_t *dst, size_t n);
+
+inline void nbcp_advance(nbcp_decoder &d, size_t n) {
+    d.consumed += static_cast<uint32_t>(n);
+}
+
+// Whether n bytes at the cursor lie inside the region. (consumed stays far below any overflow:
+// every walk is bounded by its limit plus one element.)
+inline bool nbcp_fits(const nbcp_decoder &d, size_t n) {
+    return d.consumed + n <= d.len;
+}
 
 // Copies n bytes at the cursor to dst (zeros past the region) and advances the cursor.
 inline void nbcp_read(nbcp_decoder &d, uint8_t *dst, size_t n) {
-    if (d.pos <= d.len && n <= d.len - d.pos) {
-        std::memcpy(dst, d.data + d.pos, n);
+    if (nbcp_fits(d, n)) {
+        std::memcpy(dst, d.data + d.consumed, n);
     } else {
-        nbcp_read_tail(d, dst, n);
+        nbcp_read_tail(d.data, d.len, d.consumed, dst, n);
     }
-    d.pos += n;
-    d.consumed += static_cast<uint32_t>(n);
+    nbcp_advance(d, n);
+}
+
+inline uint16_t nbcp_be16(const uint8_t *p) {
+    return static_cast<uint16_t>(p[0] << 8 | p[1]);
+}
+
+inline uint32_t nbcp_be32(const uint8_t *p) {
+    return static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 |
+           static_cast<uint32_t>(p[2]) << 8 | p[3];
 }
 
 inline uint16_t nbcp_get_u16(nbcp_decoder &d) {
     uint8_t b[2];
     nbcp_read(d, b, sizeof b);
-    return static_cast<uint16_t>(b[0] << 8 | b[1]);
+    return nbcp_be16(b);
+}
+
+// The type and length fields of the next element, read together.
+inline void nbcp_get_tl(nbcp_decoder &d, uint16_t &type, uint16_t &len) {
+    uint8_t b[NBCP_TL_LEN];
+    nbcp_read(d, b, sizeof b);
+    type = nbcp_be16(b);
+    len = nbcp_be16(b + 2);
 }
 
 // The fixed-width reads take their width whatever the element's length field says.
 inline uint8_t nbcp_get_u8(nbcp_decoder &d) {
-    uint8_t b;
-    nbcp_read(d, &b, 1);
+    uint8_t b = nbcp_fits(d, 1) ? d.data[d.consumed] : 0;
+    nbcp_advance(d, 1);
     return b;
 }
 
 inline uint32_t nbcp_get_u32(nbcp_decoder &d) {
     uint8_t b[4];
     nbcp_read(d, b, sizeof b);
-    return static_cast<uint32_t>(b[0]) << 24 | static_cast<uint32_t>(b[1]) << 16 |
-           static_cast<uint32_t>(b[2]) << 8 | b[3];
+    return nbcp_be32(b);
 }
 
 inline void nbcp_get_mac(nbcp_decoder &d, uint8_t *dst) {
@@ -91,15 +124,25 @@ inline void nbcp_get_addr6(nbcp_decoder &d, uint8_t *dst) {
 }
 
 inline void nbcp_skip(nbcp_decoder &d, size_t n) {
-    d.pos += n;
-    d.consumed += static_cast<uint32_t>(n);
+    nbcp_advance(d, n);
 }
 
 // Reads a string value of len bytes into a field of cap bytes. The field is first cleared over
 // its current string length; then at most cap - 1 bytes are copied (no NUL is appended), so a
 // field that started zeroed stays NUL-terminated. The whole value is consumed either way, which
 // keeps the walk in step with the elements that follow.
-void nbcp_get_string(nbcp_decoder &d, size_t len, char *dst, size_t cap);
+inline void nbcp_get_string(nbcp_decoder &d, size_t len, char *dst, size_t cap) {
+    if (cap == 0) {
+        nbcp_skip(d, len);
+        return;
+    }
+    if (dst[0] != '\0') {  // a freshly cleared field needs no clearing
+        std::memset(dst, 0, strnlen(dst, cap));
+    }
+    size_t kept = len < cap - 1 ? len : cap - 1;
+    nbcp_read(d, reinterpret_cast<uint8_t *>(dst), kept);
+    nbcp_skip(d, len - kept);
+}
 
 inline void nbcp_put_tl(nbcp_encoder &e, uint16_t type, uint16_t len) {
     e.pos[0] = static_cast<uint8_t>(type >> 8);
@@ -140,7 +183,10 @@ inline uint8_t *nbcp_put_addr6(nbcp_encoder &e, uint16_t type, const uint8_t *ad
 
 // Writes the characters of s up to its NUL, and never more than max_len of them, so a field
 // whose terminator was lost cannot drag bytes from beyond it onto the wire.
-uint8_t *nbcp_put_string(nbcp_encoder &e, uint16_t type, const char *s, size_t max_len);
+inline uint8_t *nbcp_put_string(nbcp_encoder &e, uint16_t type, const char *s, size_t max_len) {
+    size_t len = strnlen(s, max_len < UINT16_MAX ? max_len : UINT16_MAX);
+    return nbcp_put_raw(e, type, reinterpret_cast<const uint8_t *>(s), static_cast<uint16_t>(len));
+}
 
 // A record's string field goes out with at most capacity - 1 characters: the most it holds as a
 // C string, and the most a reader keeps.

@@ -254,6 +254,27 @@ TEST(NbcpParseNdsp, WalkReadsATypeStartingBelow1008ConsumedBytes) {
     EXPECT_EQ(msg->m.ndsp.mode, 0);
 }
 
+// An answer in the order this daemon writes it, whose tenant string makes the version element
+// start after `before_version` consumed bytes.
+std::vector<uint8_t> version_after(uint16_t before_version) {
+    tlv_bytes t = tlv_bytes::message(11);
+    t.u8(134, 1).u8(135, 0).u32(136, 1).bytes(137, mac_addr{}).u32(150, 0).u32(151, 0);
+    t.bytes(152, mac_addr{}).u8(153, 0).u32(138, 0).bytes(156, ip6_addr{}).u32(149, 0);
+    t.bytes(139, mac_addr{}).u8(140, 0);
+    t.str(154, std::string(before_version - 110 - 4, 't'));
+    return t.str(141, "1.0").str(142, "ap").end().bytes();
+}
+
+TEST(NbcpParseNdsp, LimitHoldsForElementsInTheUsualOrder) {
+    auto msg = zeroed_msg();
+    parse_captured(version_after(1007), msg.get());
+    EXPECT_STREQ(msg->m.ndsp.info.version, "1.0");
+    msg = zeroed_msg();
+    parse_captured(version_after(1008), msg.get());
+    EXPECT_STREQ(msg->m.ndsp.info.version, "");
+    EXPECT_EQ(msg->m.ndsp.kind_flag, 1);
+}
+
 TEST(NbcpParse, DatagramAtTheVeryEndOfAnExactBuffer) {
     // Each datagram sits in a heap block of exactly its size; every parser must stop reading
     // at the block's end (the sanitizer build turns a stray read into a failure).

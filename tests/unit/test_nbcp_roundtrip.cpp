@@ -200,6 +200,56 @@ TEST(NbcpRoundTrip, NeighborList) {
     }
 }
 
+// Splits a body into its top-level groups: one element each, except that the radio count and
+// the radios that follow it stay together.
+std::vector<std::vector<uint8_t>> body_groups(const uint8_t *body, size_t len, int radios) {
+    std::vector<std::vector<uint8_t>> groups;
+    size_t pos = 0;
+    while (pos + 4 <= len) {
+        uint16_t type = static_cast<uint16_t>(body[pos] << 8 | body[pos + 1]);
+        if (type == 0) {
+            break;
+        }
+        size_t end = pos + 4 + (body[pos + 2] << 8 | body[pos + 3]);
+        if (type == 143) {
+            end += 30 * radios;
+        }
+        groups.emplace_back(body + pos, body + end);
+        pos = end;
+    }
+    return groups;
+}
+
+TEST(NbcpRoundTrip, AnswerDecodesTheSameInAnyElementOrder) {
+    random_source rnd(5005);
+    for (int iter = 0; iter < 300; ++iter) {
+        SCOPED_TRACE(iter);
+        nbcp_ndsp rec{};
+        rec.mode = rnd.u8();
+        rec.ip = rnd.u32();
+        rnd.fill(rec.mac);
+        rec.info = random_ap(rnd);
+        rec.cluster_id = rnd.u32();
+        std::vector<uint8_t> out(NBCP_NDSP_MAX);
+        out.resize(nbcp_build_ndsp(out.data(), &rec));
+        auto groups = body_groups(out.data() + 10, out.size() - 10,
+                                  std::min<int>(rec.info.radiocnt, AP_RADIO_MAX));
+        std::shuffle(groups.begin(), groups.end(), std::mt19937(rnd.u32()));
+        std::vector<uint8_t> shuffled(out.begin(), out.begin() + 10);
+        for (const auto &g : groups) {
+            shuffled.insert(shuffled.end(), g.begin(), g.end());
+        }
+        shuffled.push_back(0);
+        shuffled.push_back(0);
+        ASSERT_EQ(shuffled.size(), out.size());
+        auto in_order = zeroed_msg();
+        auto any_order = zeroed_msg();
+        nbcp_decode(out.data(), out.size(), in_order.get());
+        nbcp_decode(shuffled.data(), shuffled.size(), any_order.get());
+        EXPECT_EQ(std::memcmp(&in_order->m.ndsp, &any_order->m.ndsp, sizeof(nbcp_ndsp)), 0);
+    }
+}
+
 // Size of the record a datagram of this type fills (the header alone for unknown types).
 size_t record_size(uint8_t type) {
     uint8_t kind = type > 20 && type <= 26 ? type - 20 : type;

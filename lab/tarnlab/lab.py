@@ -1,0 +1,443 @@
+"""Virtual APs for tarn: network namespaces on a shared bridge, each with its own mounts,
+platform stand-ins, a driver simulator and a daemon.
+
+Layout of a lab called NAME with APs ap1..apN:
+  netns tarnlab-NAME-br       holds the bridge br0 and one veth port per AP (named like the AP)
+  netns tarnlab-NAME-apK      the AP: uplink veth (IPv4 and IPv6), athNN and wifiN links
+  holder process per AP       owns the AP's mount namespace (tmpfs on /tmp and /var/config,
+                              a sysfs showing the AP's links); everything in the AP runs
+                              through `nsenter -t HOLDER -m -n`
+  /run/tarn-lab/NAME/         lab.json (the state), and per AP a directory with the stand-ins
+                              (bin/), their answers and call log, the daemon's log (tarn.log),
+                              the simulator's record (driver.jsonl) and control socket (sim.sock)
+"""
+
+import atexit
+import contextlib
+import fcntl
+import json
+import os
+import re
+import shutil
+import subprocess
+import sys
+import time
+
+from . import nsutil, scenario as scen, standins
+from .ap import Ap
+from .nsutil import LabError
+
+STATE_ROOT = "/run/tarn-lab"
+NETNS_PREFIX = "tarnlab-"
+LAB_NAME_RE = re.compile(r"^[a-z0-9]{1,16}$")
+BRIDGE = "br0"
+TMPFS_DIRS = ("/tmp", "/var/config")
+AP_MKDIRS = ("/tmp/socket",)
+LAB_DIR = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+REPO_DIR = os.path.dirname(LAB_DIR)
+DRIVER_SIM = os.path.join(LAB_DIR, "driver_sim.py")
+STATIC_NEIGHBOR_CONF = "/var/config/static_neighbor.conf"
+
+
+def default_build_dir():
+    return os.environ.get("TARN_BUILD_DIR") or os.path.join(REPO_DIR, "build")
+
+
+def netns_name(lab_name, node):
+    return f"{NETNS_PREFIX}{lab_name}-{node}"
+
+
+class Lab:
+    """A set of virtual APs. Use as a context manager, or call up() and down()."""
+
+    def __init__(self, scenario=None, name="default", build_dir=None, owner_pid=None,
+                 bridge=True, simulators=True, daemons=True):
+        if not LAB_NAME_RE.match(name):
+            raise LabError(f"lab name {name!r}: 1 to 16 lower-case letters or digits")
+        self.name = name
+        self.scenario = scen.resolve(scenario if scenario is not None else 2)
+        self.build_dir = os.path.abspath(build_dir or default_build_dir())
+        self.owner_pid = owner_pid
+        self.with_bridge = bridge
+        self.with_simulators = simulators
+        self.with_daemons = daemons
+        self.state_dir = os.path.join(STATE_ROOT, name)
+        self.aps = [Ap(self, config) for config in self.scenario["aps"]]
+        self.bridge_netns = netns_name(name, "br")
+        self.is_up = False
+
+    # ----- lookups ------------------------------------------------------------------------
+
+    @property
+    def tarn_binary(self):
+        return os.path.join(self.build_dir, "tarn")
+
+    def ap(self, which):
+        """An AP by name ("ap1") or by 1-based number."""
+        for ap in self.aps:
+            if ap.name == which or str(ap.config["index"]) == str(which):
+                return ap
+        raise LabError(f"lab {self.name} has no AP {which!r} "
+                       f"(APs: {', '.join(ap.name for ap in self.aps)})")
+
+    def netns_for(self, node):
+        return netns_name(self.name, node)
+
+    def __getitem__(self, which):
+        return self.ap(which)
+
+    def mac_of(self, other):
+        if isinstance(other, Ap):
+            return other.mac
+        if isinstance(other, dict):
+            return other["mac"]
+        try:
+            return self.ap(other).mac
+        except LabError:
+            return other  # a MAC text
+
+    def heard_entry(self, other, radio):
+        if isinstance(other, (Ap, str)) and not (isinstance(other, str) and ":" in other):
+            ap = other if isinstance(other, Ap) else self.ap(other)
+            entry = {"mac": ap.mac, "ip": ap.ip4 or "", "ip6": ap.ip6}
+        elif isinstance(other, dict):
+            entry = dict(other)
+        else:
+            entry = {"mac": other}
+        entry.update(radio)
+        return entry
+
+    # ----- state file ---------------------------------------------------------------------
+
+    def save(self):
+        if not os.path.isdir(self.state_dir):
+            return
+        state = {"name": self.name, "owner_pid": self.owner_pid, "build_dir": self.build_dir,
+                 "bridge": self.with_bridge, "simulators": self.with_simulators,
+                 "daemons": self.with_daemons, "bridge_netns": self.bridge_netns,
+                 "scenario": self.scenario, "aps": [ap.to_state() for ap in self.aps]}
+        tmp = os.path.join(self.state_dir, "lab.json.new")
+        with open(tmp, "w", encoding="utf-8") as handle:
+            json.dump(state, handle, indent=1)
+        os.replace(tmp, os.path.join(self.state_dir, "lab.json"))
+
+    @classmethod
+    def load(cls, name="default"):
+        """The running lab `name`, as recorded by the `up` that started it."""
+        path = os.path.join(STATE_ROOT, name, "lab.json")
+        try:
+            with open(path, encoding="utf-8") as handle:
+                state = json.load(handle)
+        except FileNotFoundError:
+            raise LabError(f"no lab {name!r} is up (no {path})") from None
+        lab = cls.__new__(cls)
+        lab.name = state["name"]
+        lab.scenario = state["scenario"]
+        lab.build_dir = state["build_dir"]
+        lab.owner_pid = state["owner_pid"]
+        lab.with_bridge = state["bridge"]
+        lab.with_simulators = state["simulators"]
+        lab.with_daemons = state["daemons"]
+        lab.state_dir = os.path.join(STATE_ROOT, lab.name)
+        lab.bridge_netns = state["bridge_netns"]
+        lab.aps = []
+        for saved in state["aps"]:
+            ap = Ap(lab, saved["config"])
+            ap.holder_pid = saved["holder_pid"]
+            ap.daemon_pid = saved["daemon_pid"]
+            ap.sim_pid = saved["sim_pid"]
+            lab.aps.append(ap)
+        lab.is_up = True
+        return lab
+
+    @contextlib.contextmanager
+    def _locked(self):
+        """Serialises up and down of labs of the same name (several commands may race). The
+        lock file goes when the lab is gone."""
+        os.makedirs(STATE_ROOT, exist_ok=True)
+        path = os.path.join(STATE_ROOT, f"{self.name}.lock")
+        with open(path, "w") as lock:
+            fcntl.flock(lock, fcntl.LOCK_EX)
+            try:
+                yield
+            finally:
+                if not self.is_up:
+                    with contextlib.suppress(FileNotFoundError):
+                        os.unlink(path)
+
+    def leftovers(self):
+        """Namespaces and state of this lab's name that exist now."""
+        found = [ns for ns in nsutil.netns_list() if ns.startswith(f"{NETNS_PREFIX}{self.name}-")]
+        if os.path.exists(self.state_dir):
+            found.append(self.state_dir)
+        return found
+
+    # ----- up -----------------------------------------------------------------------------
+
+    def up(self, progress=None):
+        """Builds every AP and starts the simulators and daemons. Refuses when anything of a
+        lab with this name exists; tears down what it built when any step fails."""
+        if not nsutil.is_root():
+            raise LabError("the lab needs root (network and mount namespaces): run it with sudo")
+        if self.with_daemons and not os.access(self.tarn_binary, os.X_OK):
+            raise LabError(f"no tarn executable at {self.tarn_binary}: build it first "
+                           f"(cmake -S . -B build && make -C build), or set TARN_BUILD_DIR")
+        say = progress or (lambda text: None)
+        with self._locked():
+            existing = self.leftovers()
+            if existing:
+                raise LabError(f"lab {self.name!r} is already up or was left behind "
+                               f"({', '.join(existing)}); run `lab down"
+                               f"{'' if self.name == 'default' else ' --name ' + self.name}` "
+                               f"first")
+            os.makedirs(self.state_dir)
+            _live_labs.append(self)
+            self.is_up = True
+            try:
+                self.save()
+                if self.with_bridge:
+                    say("bridge")
+                    self._make_bridge()
+                for ap in self.aps:
+                    say(f"{ap.name}: namespaces and links")
+                    self._make_ap(ap)
+                    self.save()
+                if self.with_simulators:
+                    for ap in self.aps:
+                        say(f"{ap.name}: driver simulator")
+                        self._start_simulator(ap)
+                    self.save()
+                if self.with_daemons:
+                    for ap in self.aps:
+                        say(f"{ap.name}: tarn")
+                        ap.start_daemon(wait=False)
+                    for ap in self.aps:
+                        ap.wait_daemon_ready()
+            except BaseException:
+                self._teardown()
+                raise
+        return self
+
+    def _make_bridge(self):
+        ns = self.bridge_netns
+        nsutil.netns_add(ns)
+        nsutil.run(["ip", "-n", ns, "link", "add", BRIDGE, "type", "bridge",
+                    "forward_delay", "0"])
+        nsutil.run(["ip", "-n", ns, "link", "set", BRIDGE, "up"])
+
+    def _make_ap(self, ap):
+        cfg = ap.config
+        ns = ap.netns
+        os.makedirs(ap.dir, exist_ok=True)
+        nsutil.netns_add(ns)
+        # Addresses are usable at once: nothing else on the bridge can hold them.
+        for key in ("all", "default"):
+            nsutil.netns_sysctl(ns, f"net.ipv6.conf.{key}.accept_dad", 0)
+        uplink = cfg["uplink"]
+        if self.with_bridge:
+            nsutil.run(["ip", "-n", self.bridge_netns, "link", "add", ap.name, "type", "veth",
+                        "peer", "name", uplink, "netns", ns])
+            nsutil.run(["ip", "-n", self.bridge_netns, "link", "set", ap.name, "master",
+                        BRIDGE, "up"])
+        else:
+            # A lone AP still gets an uplink with addresses, its peer kept inside the AP.
+            nsutil.run(["ip", "-n", ns, "link", "add", uplink, "type", "veth", "peer", "name",
+                        "uplinkpeer"])
+            nsutil.run(["ip", "-n", ns, "link", "set", "uplinkpeer", "up"])
+        nsutil.run(["ip", "-n", ns, "link", "set", uplink, "address", cfg["mac"]])
+        if cfg["ip4"]:
+            nsutil.run(["ip", "-n", ns, "addr", "add", f"{cfg['ip4']}/{cfg['prefix4']}",
+                        "brd", "+", "dev", uplink])
+        nsutil.run(["ip", "-n", ns, "addr", "add", f"{cfg['ip6']}/{cfg['prefix6']}", "dev",
+                    uplink, "nodad"])
+        nsutil.run(["ip", "-n", ns, "link", "set", uplink, "up"])
+        # VAPs and radios are veth pairs; the peer names contain neither "ath" nor "wifi",
+        # so they are not counted as VAPs or radios.
+        for vap in cfg["vaps"]:
+            self._link_pair(ns, vap, "vp" + vap[3:])
+        for radio in range(cfg["radios"]):
+            self._link_pair(ns, f"wifi{radio}", f"rp{radio}")
+        ap.holder_pid = nsutil.start_holder(
+            ns, TMPFS_DIRS, AP_MKDIRS, os.path.join(ap.dir, "holder.log"),
+            keep=sorted({self.build_dir, LAB_DIR, os.path.dirname(sys.executable)}),
+            stash_dir=os.path.join(ap.dir, "stash"))
+        self._write_platform(ap)
+
+    @staticmethod
+    def _link_pair(ns, name, peer):
+        nsutil.run(["ip", "-n", ns, "link", "add", name, "type", "veth", "peer", "name", peer])
+        nsutil.run(["ip", "-n", ns, "link", "set", name, "up"])
+        nsutil.run(["ip", "-n", ns, "link", "set", peer, "up"])
+
+    def _write_platform(self, ap):
+        cfg = ap.config
+        values = {"qv_ip": cfg["qv_ip"], "version": cfg["version"], "uplink": cfg["uplink"],
+                  "mode": cfg["mode"], "mac": cfg["mac"]}
+        uci = {standins.UCI_HOSTNAME: cfg["hostname"]}
+        if cfg["wifi_count"] is not None:
+            uci[standins.UCI_WIFI_COUNT] = cfg["wifi_count"]
+        standins.write_standins(ap.dir, values, uci)
+        if cfg["cluster"] is not None:
+            ap.write_file("/tmp/pvc-info", scen.pvc_info_line(cfg) + "\n")
+        if cfg["tenant"] is not None:
+            ap.write_file("/tmp/zef_cloudinfo", scen.cloudinfo_text(cfg))
+        if cfg["static_neighbors"]:
+            ap.write_file(STATIC_NEIGHBOR_CONF,
+                          json.dumps({"static_neighbor": cfg["static_neighbors"]}, indent=1))
+
+    def _start_simulator(self, ap):
+        cfg = ap.config
+        config_path = os.path.join(ap.dir, "sim.json")
+        with open(config_path, "w", encoding="utf-8") as handle:
+            json.dump({"heard": scen.heard_entries(self.scenario, ap.name),
+                       "beacon_interval": cfg["beacon_interval"], "confirm": cfg["confirm"],
+                       "answer_cache": cfg["answer_cache"]}, handle, indent=1)
+        with open(os.path.join(ap.dir, "sim.log"), "ab") as log:
+            ap.sim = ap.popen([sys.executable, DRIVER_SIM, "--port", str(cfg["driver_port"]),
+                               "--record", ap.record_path, "--control", ap.control_path,
+                               "--config", config_path],
+                              stdout=log, stderr=subprocess.STDOUT, start_new_session=True)
+        ap.sim_pid = ap.sim.pid
+        deadline = time.monotonic() + 10
+        while not os.path.exists(ap.control_path):
+            if ap.sim.poll() is not None or time.monotonic() > deadline:
+                raise LabError(f"{ap.name}: driver simulator did not start; see "
+                               f"{os.path.join(ap.dir, 'sim.log')}")
+            time.sleep(0.02)
+
+    # ----- down ---------------------------------------------------------------------------
+
+    def down(self):
+        """Stops everything of this lab and removes its namespaces and state. Safe to call
+        more than once and on a lab that was only partly built."""
+        with self._locked():
+            self._teardown()
+
+    def _teardown(self):
+        for ap in self.aps:
+            if ap.daemon is not None or ap.daemon_pid:
+                with contextlib.suppress(Exception):
+                    ap.stop_daemon()
+        for ap in self.aps:
+            if ap.sim is not None or ap.sim_pid:
+                with contextlib.suppress(Exception):
+                    if ap.sim is not None and ap.sim.poll() is None:
+                        ap.sim.terminate()
+                        ap.sim.wait(3)
+        names = [ap.netns for ap in self.aps] + [self.bridge_netns]
+        names += [ns for ns in nsutil.netns_list()
+                  if ns.startswith(f"{NETNS_PREFIX}{self.name}-") and ns not in names]
+        for ns in names:
+            nsutil.remove_netns(ns)
+        nsutil.reap()
+        shutil.rmtree(self.state_dir, ignore_errors=True)
+        self.is_up = False
+        if self in _live_labs:
+            _live_labs.remove(self)
+
+    def __enter__(self):
+        if not self.is_up:
+            self.up()
+        return self
+
+    def __exit__(self, *exc):
+        self.down()
+        return False
+
+    # ----- waiting for discovery ----------------------------------------------------------
+
+    def discovery_status(self, complete=("name", "version")):
+        """For every AP, what its table still lacks: {ap: [problem, ...]}.
+
+        An AP is complete when its table lists every AP that its driver hears, each with the
+        fields of `complete` filled in."""
+        missing = {}
+        for ap in self.aps:
+            expected = {self.ap(item["hears"]).mac for item in self.scenario["hears"]
+                        if item["ap"] == ap.name}
+            problems = []
+            try:
+                rows = {row["mac"]: row for row in ap.show()}
+            except LabError as exc:
+                rows = {}
+                problems.append(f"show failed: {exc}")
+            for mac in sorted(expected):
+                other = next(o for o in self.aps if o.mac == mac)
+                row = rows.get(mac)
+                if row is None:
+                    problems.append(f"{other.name} absent")
+                    continue
+                empty = [field for field in complete if row.get(field) in (None, "", "-1")]
+                if empty:
+                    problems.append(f"{other.name} without {'/'.join(empty)}")
+            missing[ap.name] = problems
+        return missing
+
+
+    def wait_discovered(self, timeout=30.0, complete=("name", "version"), interval=0.5):
+        """Waits until discovery_status() reports nothing missing; raises LabError naming
+        what is still missing when `timeout` passes or a daemon ends."""
+        deadline = time.monotonic() + timeout
+        while True:
+            status = self.discovery_status(complete)
+            if not any(status.values()):
+                return
+            dead = [f"{ap.name} ({ap.daemon_status()})" for ap in self.aps
+                    if not ap.daemon_running()]
+            if dead or time.monotonic() > deadline:
+                missing = "; ".join(f"{name}: {', '.join(problems)}"
+                                    for name, problems in status.items() if problems)
+                why = f"tarn ended in {', '.join(dead)}" if dead else f"{timeout}s passed"
+                raise LabError(f"discovery incomplete ({why}): {missing}")
+            time.sleep(interval)
+
+
+# Labs built by this process and not yet torn down; ended at exit whatever happens.
+_live_labs = []
+
+
+def _teardown_live_labs():
+    for lab in list(_live_labs):
+        with contextlib.suppress(Exception):
+            lab.down()
+
+
+atexit.register(_teardown_live_labs)
+
+
+def teardown_all(prefix_filter=None):
+    """Removes every lab on this machine (state directories and namespaces with the lab
+    prefix). Used by `lab down --all` and to clear what a killed test run left behind."""
+    removed = []
+    names = set()
+    if os.path.isdir(STATE_ROOT):
+        names.update(entry for entry in os.listdir(STATE_ROOT)
+                     if os.path.isdir(os.path.join(STATE_ROOT, entry)))
+    for ns in nsutil.netns_list():
+        if ns.startswith(NETNS_PREFIX):
+            names.add(ns[len(NETNS_PREFIX):].rsplit("-", 1)[0])
+    for name in sorted(names):
+        if prefix_filter and not prefix_filter(name):
+            continue
+        try:
+            lab = Lab.load(name)
+        except (LabError, ValueError, KeyError):
+            lab = Lab(1, name=name) if LAB_NAME_RE.match(name) else None
+        if lab is None:
+            continue
+        lab.down()
+        removed.append(name)
+    return removed
+
+
+def stale_test_labs():
+    """Names of labs made by test runs whose process is gone (names "t<pid>x<n>")."""
+    stale = []
+    names = set(os.listdir(STATE_ROOT)) if os.path.isdir(STATE_ROOT) else set()
+    names.update(ns[len(NETNS_PREFIX):].rsplit("-", 1)[0] for ns in nsutil.netns_list()
+                 if ns.startswith(NETNS_PREFIX))
+    for name in names:
+        match = re.match(r"^t(\d+)x\d+$", name)
+        if match and not nsutil.pid_alive(int(match.group(1))):
+            stale.append(name)
+    return sorted(stale)
