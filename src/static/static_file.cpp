@@ -1,6 +1,8 @@
 // The static neighbor file: {"static_neighbor": [{"mac": ..., "ip": ..., "ip6": ...}, ...]}.
 #include <arpa/inet.h>
 #include <cjson/cJSON.h>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -174,13 +176,22 @@ int parse_mac_text(const char *text, mac_addr &out) {
 }
 
 std::unique_ptr<char[]> read_whole_file(const char *path) {
-    FILE *file = fopen(path, "r");
+    // Non-blocking so that a FIFO planted at the path cannot stall the caller; only regular
+    // files are read.
+    int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    FILE *file = fd >= 0 ? fdopen(fd, "r") : nullptr;
     if (file == nullptr) {
+        if (fd >= 0) {
+            close(fd);
+        }
         TARN_ERR("Can't open the file %s\n", path);
         return nullptr;
     }
     std::unique_ptr<char[]> text;
-    long size = fseek(file, 0, SEEK_END) == 0 ? ftell(file) : -1;
+    struct stat st {};
+    long size = fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && fseek(file, 0, SEEK_END) == 0
+                    ? ftell(file)
+                    : -1;
     if (size > WHOLE_FILE_MAX) {
         TARN_WARN("%s: %s is larger than %ld bytes, not read\n", "read_whole_file", path,
                   WHOLE_FILE_MAX);

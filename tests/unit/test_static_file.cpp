@@ -280,10 +280,15 @@ TEST(ReadWholeFile, GivesTheTextOrNothing) {
         out += read_whole_file("/tmp/empty") ? " text" : " null";
         out += read_whole_file("/tmp/none") ? " text" : " null";
         out += read_whole_file("/tmp") ? " text" : " null";
+        mkfifo("/tmp/fifo", 0644);
+        out += read_whole_file("/tmp/fifo") ? " text" : " null";
+        std::string big(WHOLE_FILE_MAX + 1, ' ');
+        sandbox::write_file("/tmp/big", big);
+        out += read_whole_file("/tmp/big") ? " text" : " null";
         out += contains(sandbox::log_text(), "Can't open the file /tmp/none\n") ? " logged" : "";
         return out;
     });
-    EXPECT_EQ(seen, "abc null null null logged");
+    EXPECT_EQ(seen, "abc null null null null null logged");
 }
 
 }  // namespace
