@@ -11,11 +11,12 @@
 #include "core/main_loop.h"
 #include "core/settings.h"
 #include "core/sockets.h"
+#include "diag/show_client.h"
 #include "neighbor/driver_msg.h"
 #include "neighbor/neighbor_table.h"
 #include "static/client_requests.h"
-#include "sysinfo/sysinfo.h"
 #include "sysinfo/self_ap.h"
+#include "sysinfo/sysinfo.h"
 #include "util/log.h"
 #include "util/timer.h"
 
@@ -41,6 +42,7 @@ void run_client_request(const cmdline_decision &decision) {
             tarn_update_static();
             break;
         case client_request::show:
+            show_ngbrs_list(decision.value);
             break;
     }
 }
