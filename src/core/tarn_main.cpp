@@ -8,14 +8,18 @@
 #include <cstring>
 
 #include "core/cmdline.h"
-#include "core/main_loop.h"
 #include "core/settings.h"
 #include "core/sockets.h"
+#include "core/stop_signals.h"
+#include "diag/show_client.h"
 #include "neighbor/driver_msg.h"
 #include "neighbor/neighbor_table.h"
 #include "static/client_requests.h"
-#include "sysinfo/sysinfo.h"
+#include "static/static_store.h"
+#include "static/static_timer.h"
 #include "sysinfo/self_ap.h"
+#include "sysinfo/sysinfo.h"
+#include "ubus/ubus_service.h"
 #include "util/log.h"
 #include "util/timer.h"
 
@@ -41,6 +45,7 @@ void run_client_request(const cmdline_decision &decision) {
             tarn_update_static();
             break;
         case client_request::show:
+            show_ngbrs_list(decision.value);
             break;
     }
 }
@@ -79,6 +84,7 @@ int create_thread(pthread_t *thread, void *(*start)(void *), void *arg) {
 void init_timers() {
     // A failed start is not fatal: the daemon still serves, only the periodic jobs never fire.
     timer_service_init();
+    create_static_update_timer();
 }
 
 void tarn_init() {
@@ -115,6 +121,7 @@ void tarn_init() {
 int tarn_main(int argc, char **argv) {
     umask(0);
     parse_args(argc, argv);
+    load_static_neighbor();  // a missing or bad file does not stop the start-up
     // The main loop takes SIGINT and SIGTERM; no other thread may.
     block_stop_signals();
     tarn_init();
@@ -125,6 +132,11 @@ int tarn_main(int argc, char **argv) {
         TARN_ERR("%s: Create receive thread failed\n", "main");
         exit(1);
     }
-    run_main_loop();
+    if (ubus_init() < 0) {
+        TARN_ERR("ubus init failed.\n");
+        return -1;
+    }
+    ubus_loop_run();
+    ubus_teardown();
     return 0;
 }

@@ -1,6 +1,7 @@
 """The daemon's start-up, sockets, receive order, command line and shutdown, each run in a
 fresh AP namespace (fixture `node`)."""
 
+import json
 import os
 import signal
 import socket
@@ -214,3 +215,20 @@ def test_client_request_reaches_the_daemon_socket(node, args, op, value, reply_p
 def test_signal_ends_the_daemon_with_status_0(node, sig):
     start(node, "-D")
     assert node.stop_daemon(sig) == 0
+
+
+def test_receive_counters_count_handler_calls_per_socket(node):
+    start(node, "-D")
+    before = json.loads(node.bus("debug_get").stdout)["Socket_rcvCount"]
+    for op in (6, 7, 0):  # ignored or unknown: still one handler call each
+        send_local(node, local_message(op))
+    send_driver_event(node, drvproto.encode_confirm())
+    send_driver_event(node, bytes([9]))  # an operation the daemon does not know
+    node.wait_log(r"handle_recvmsg: operation=0\b")
+    node.wait_log(r"hand_receive: hand op is 9\b")
+
+    after = json.loads(node.bus("debug_get").stdout)["Socket_rcvCount"]
+    assert after["rcv_local_cnt"] - before["rcv_local_cnt"] == 3
+    assert after["rcv_hand_cnt"] - before["rcv_hand_cnt"] == 2
+    assert after["rcv_nbcp_cnt"] == before["rcv_nbcp_cnt"]
+    assert after["rcv_nbcp_ip6_cnt"] == before["rcv_nbcp_ip6_cnt"]
