@@ -13,6 +13,7 @@
 #include "core/stop_signals.h"
 #include "diag/show_client.h"
 #include "neighbor/driver_msg.h"
+#include "neighbor/learning.h"
 #include "neighbor/neighbor_table.h"
 #include "static/client_requests.h"
 #include "static/static_store.h"
@@ -84,7 +85,11 @@ int create_thread(pthread_t *thread, void *(*start)(void *), void *arg) {
 void init_timers() {
     // A failed start is not fatal: the daemon still serves, only the periodic jobs never fire.
     timer_service_init();
+    // Each job runs once now and then re-arms itself with its period.
+    create_nbcp_update_timer();
+    create_table_ageing_timer();
     create_static_update_timer();
+    create_ip_detect_timer();
 }
 
 void tarn_init() {
