@@ -81,6 +81,8 @@ def test_set_count_empties_the_table(make_lab):
     # stays empty until the simulator is told to report again.
     lab = make_lab({"count": 2, "defaults": {"beacon_interval": 3600}})
     ap1 = lab.ap("ap1")
+    # The simulator's first report may come before the daemon listens; report once more now.
+    ap1.hear(lab.ap("ap2"))
     wait_for(lambda: len(ap1.show()) == 1, timeout=20, what="ap2 in ap1's table")
 
     assert ap1.tarn("set", "count", "32", timeout=SHORT).returncode == 0
