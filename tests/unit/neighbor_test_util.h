@@ -1,0 +1,310 @@
+// Test helpers for the code that feeds the neighbor table: a stand-in driver that delivers
+// crafted netlink events to the daemon's driver socket, builders of the driver's event
+// payloads, a probe listener, and readers of the table and of the log.
+#pragma once
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <linux/netlink.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "core/settings.h"
+#include "neighbor/ap_info.h"
+#include "neighbor/neighbor_table.h"
+
+namespace ntest {
+
+using bytes = std::vector<uint8_t>;
+
+inline uint32_t ipv4(const char *text) {
+    return inet_addr(text);
+}
+
+inline ip6_addr ipv6(const char *text) {
+    ip6_addr out{};
+    inet_pton(AF_INET6, text, out.data());
+    return out;
+}
+
+inline mac_addr mac(uint8_t last, uint8_t fifth = 0x44) {
+    return mac_addr{0x02, 0x11, 0x22, 0x33, fifth, last};
+}
+
+inline void put(bytes &b, size_t offset, const void *data, size_t len) {
+    if (b.size() < offset + len) {
+        b.resize(offset + len, 0);
+    }
+    memcpy(b.data() + offset, data, len);
+}
+
+// Operation 1: a neighbor was heard on one radio.
+struct heard {
+    mac_addr mac;
+    uint32_t ip = 0;  // network order
+    ip6_addr ip6{};
+    uint8_t radioid = 0;
+    uint8_t channel = 0;
+    uint8_t rssi = 0;
+    uint8_t bandwidth = 0;
+
+    bytes payload() const {
+        bytes b(34, 0);
+        b[0] = 1;
+        put(b, 4, &ip, 4);
+        put(b, 8, ip6.data(), 16);
+        put(b, 24, mac.data(), 6);
+        b[30] = radioid;
+        b[31] = channel;
+        b[32] = rssi;
+        b[33] = bandwidth;
+        return b;
+    }
+};
+
+// Operations that carry only a MAC at bytes 24-29 (6), or nothing but the operation.
+inline bytes op_with_mac(uint8_t operation, const mac_addr &m) {
+    bytes b(30, 0);
+    b[0] = operation;
+    put(b, 24, m.data(), 6);
+    return b;
+}
+
+// One neighbor of a cache reply.
+struct cached {
+    mac_addr mac;
+    uint32_t ip = 0;  // network order
+    ip6_addr ip6{};
+    radio_info radio[AP_RADIO_MAX]{};
+    uint32_t time = 0;
+
+    bytes entry() const {
+        bytes b(88, 0xA5);  // bytes the daemon does not read are not zero
+        put(b, 32, mac.data(), 6);
+        put(b, 40, &ip, 4);
+        put(b, 44, ip6.data(), 16);
+        put(b, 60, radio, sizeof radio);
+        put(b, 80, &time, 4);
+        return b;
+    }
+};
+
+// Operation 3 announcing `count` entries and carrying `entries`.
+inline bytes cache_reply(uint8_t count, const std::vector<cached> &entries) {
+    bytes b(36, 0);
+    b[0] = 3;
+    b[32] = count;
+    for (const cached &c : entries) {
+        bytes e = c.entry();
+        b.insert(b.end(), e.begin(), e.end());
+    }
+    return b;
+}
+
+// A stand-in driver: a NETLINK_USERSOCK pair whose receiving end becomes sock_recv_hand.
+class driver_feed {
+  public:
+    driver_feed() {
+        rx_ = open_bound(&rx_port_);
+        tx_ = open_bound(nullptr);
+        saved_hand_ = sock_recv_hand;
+        sock_recv_hand = rx_;
+    }
+    ~driver_feed() {
+        sock_recv_hand = saved_hand_;
+        close(rx_);
+        close(tx_);
+    }
+    driver_feed(const driver_feed &) = delete;
+    driver_feed &operator=(const driver_feed &) = delete;
+
+    bool ready() const { return rx_ >= 0 && tx_ >= 0; }
+
+    // Sends payload behind a 16-byte netlink header, as the driver does.
+    void send_event(const bytes &payload) {
+        bytes msg(NLMSG_HDRLEN, 0);
+        nlmsghdr hdr{};
+        hdr.nlmsg_len = static_cast<uint32_t>(NLMSG_HDRLEN + payload.size());
+        hdr.nlmsg_type = 27;
+        memcpy(msg.data(), &hdr, sizeof hdr);
+        msg.insert(msg.end(), payload.begin(), payload.end());
+        send_raw(msg);
+    }
+    // Sends exactly these bytes, header or not.
+    void send_raw(const bytes &datagram) {
+        sockaddr_nl dest{};
+        dest.nl_family = AF_NETLINK;
+        dest.nl_pid = rx_port_;
+        sendto(tx_, datagram.data(), datagram.size(), 0, reinterpret_cast<sockaddr *>(&dest),
+               sizeof dest);
+    }
+
+  private:
+    static int open_bound(uint32_t *port) {
+        int fd = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_USERSOCK);
+        if (fd < 0) {
+            return -1;
+        }
+        sockaddr_nl addr{};
+        addr.nl_family = AF_NETLINK;
+        socklen_t len = sizeof addr;
+        if (bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0 ||
+            getsockname(fd, reinterpret_cast<sockaddr *>(&addr), &len) != 0) {
+            close(fd);
+            return -1;
+        }
+        if (port != nullptr) {
+            *port = addr.nl_pid;
+        }
+        return fd;
+    }
+
+    int rx_ = -1;
+    int tx_ = -1;
+    uint32_t rx_port_ = 0;
+    int saved_hand_ = 0;
+};
+
+// Log lines written while `action` runs (debug logging on, copied to standard error).
+template <typename Action>
+std::string logged(Action &&action) {
+    int saved_debug = tarn_debug;
+    tarn_debug = 1;
+    setenv("TARN_LOG_STDERR", "1", 1);
+    testing::internal::CaptureStderr();
+    action();
+    fflush(stderr);
+    std::string text = testing::internal::GetCapturedStderr();
+    tarn_debug = saved_debug;
+    return text;
+}
+
+inline int count_of(const std::string &text, const std::string &what) {
+    int n = 0;
+    for (size_t pos = text.find(what); pos != std::string::npos; pos = text.find(what, pos + 1)) {
+        ++n;
+    }
+    return n;
+}
+
+// A copy of the table entry with this MAC; `found` tells whether there was one.
+struct entry_copy {
+    bool found = false;
+    neighbor_ap ap{};
+};
+
+inline entry_copy table_entry(const mac_addr &m) {
+    std::lock_guard<std::mutex> guard(ngb_lock);
+    entry_copy copy;
+    if (const neighbor_ap *entry = neighbor_ap_find(m)) {
+        copy.found = true;
+        copy.ap = *entry;
+    }
+    return copy;
+}
+
+inline uint32_t table_count() {
+    std::lock_guard<std::mutex> guard(ngb_lock);
+    return table_cnt;
+}
+
+// Runs `change` on the entry with this MAC under ngb_lock; false when there is none.
+template <typename Change>
+bool edit_entry(const mac_addr &m, Change &&change) {
+    std::lock_guard<std::mutex> guard(ngb_lock);
+    neighbor_ap *entry = neighbor_ap_find(m);
+    if (entry == nullptr) {
+        return false;
+    }
+    change(*entry);
+    return true;
+}
+
+// Inserts an entry as a driver event would create it.
+inline void add_entry(const mac_addr &m, uint32_t ip, uint32_t timestamp = 0) {
+    std::lock_guard<std::mutex> guard(ngb_lock);
+    std::unique_ptr<neighbor_ap> entry = neighbor_ap_new();
+    entry->mac = m;
+    entry->info.mac = m;
+    entry->ip = ip;
+    entry->info.ip = ip;
+    entry->age = NGB_AGE_FRESH;
+    entry->info.radiocnt = 2;
+    entry->timestamp = timestamp;
+    neighbor_ap_add(m, entry);
+}
+
+// Receives nbcp probes sent to port 32766 on any IPv4 address of this network namespace.
+class probe_listener {
+  public:
+    probe_listener() {
+        fd_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        int on = 1;
+        setsockopt(fd_, IPPROTO_IP, IP_PKTINFO, &on, sizeof on);
+        sockaddr_in addr{};
+        addr.sin_family = AF_INET;
+        addr.sin_port = htons(NBCP_PORT);
+        bind(fd_, reinterpret_cast<sockaddr *>(&addr), sizeof addr);
+    }
+    ~probe_listener() { close(fd_); }
+    probe_listener(const probe_listener &) = delete;
+    probe_listener &operator=(const probe_listener &) = delete;
+
+    // "<destination> type <t> mode <m>" for each datagram that arrives within wait_ms of the
+    // previous one, joined by "; ".
+    std::string drain(int wait_ms = 200) {
+        std::string out;
+        for (;;) {
+            pollfd p{fd_, POLLIN, 0};
+            if (poll(&p, 1, wait_ms) <= 0) {
+                return out;
+            }
+            uint8_t data[512] = {};
+            char control[128];
+            iovec iov{data, sizeof data};
+            msghdr msg{};
+            msg.msg_iov = &iov;
+            msg.msg_iovlen = 1;
+            msg.msg_control = control;
+            msg.msg_controllen = sizeof control;
+            if (recvmsg(fd_, &msg, 0) < 0) {
+                return out;
+            }
+            std::string dest = "?";
+            for (cmsghdr *c = CMSG_FIRSTHDR(&msg); c != nullptr; c = CMSG_NXTHDR(&msg, c)) {
+                if (c->cmsg_level == IPPROTO_IP && c->cmsg_type == IP_PKTINFO) {
+                    in_pktinfo info;
+                    memcpy(&info, CMSG_DATA(c), sizeof info);
+                    dest = inet_ntoa(info.ipi_addr);
+                }
+            }
+            if (!out.empty()) {
+                out += "; ";
+            }
+            // Byte 3 is the type; byte 19 is the mode of a probe.
+            out += dest + " type " + std::to_string(data[3]) + " mode " + std::to_string(data[19]);
+        }
+    }
+
+  private:
+    int fd_ = -1;
+};
+
+// Opens the IPv4 probe socket as start-up does (the caller closes it).
+inline int open_probe_socket() {
+    int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    int on = 1;
+    setsockopt(fd, SOL_SOCKET, SO_BROADCAST, &on, sizeof on);
+    return fd;
+}
+
+}  // namespace ntest
