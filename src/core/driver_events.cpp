@@ -39,42 +39,38 @@ uint8_t averaged_rssi(uint8_t stored, uint8_t reported) {
 
 // An event is a sign of life: addresses, state and age are refreshed even when the radio id
 // names no slot (the neighbor was heard all the same); only the radio facts are then dropped.
-void heard_refresh(neighbor_ap &entry, const drv_event &event) {
+void mark_heard(neighbor_ap &entry, const drv_event &event) {
     entry.ip = event.ip;
     entry.info.ip = event.ip;
     entry.info.ip6 = event.ip6;
     entry.info.state = AP_STATE_ACTIVE;
     entry.state = AP_STATE_ACTIVE;
-    if (radio_slot_valid(event)) {
-        radio_info &radio = entry.info.radio[event.radioid];
-        radio.radioid = event.radioid;
-        radio.channel = event.channel;
-        radio.rssi = averaged_rssi(radio.rssi, event.rssi);
-        radio.bandwidth = event.bandwidth;
-    } else {
-        log_radio_out_of_range(event);
-    }
     entry.age = NGB_AGE_FRESH;
+}
+
+// Stores the event's radio facts in the slot its radio id names; a known entry averages RSSI.
+void store_radio(neighbor_ap &entry, const drv_event &event, bool average_rssi) {
+    if (!radio_slot_valid(event)) {
+        log_radio_out_of_range(event);
+        return;
+    }
+    radio_info &radio = entry.info.radio[event.radioid];
+    radio.radioid = event.radioid;
+    radio.channel = event.channel;
+    radio.rssi = average_rssi ? averaged_rssi(radio.rssi, event.rssi) : event.rssi;
+    radio.bandwidth = event.bandwidth;
+}
+
+void heard_refresh(neighbor_ap &entry, const drv_event &event) {
+    mark_heard(entry, event);
+    store_radio(entry, event, true);
 }
 
 void heard_fill_new(neighbor_ap &entry, const drv_event &event) {
     entry.mac = event.mac;
     entry.info.mac = event.mac;
-    entry.ip = event.ip;
-    entry.info.ip = event.ip;
-    entry.info.ip6 = event.ip6;
-    entry.info.state = AP_STATE_ACTIVE;
-    entry.state = AP_STATE_ACTIVE;
-    entry.age = NGB_AGE_FRESH;
-    if (radio_slot_valid(event)) {
-        radio_info &radio = entry.info.radio[event.radioid];
-        radio.radioid = event.radioid;
-        radio.channel = event.channel;
-        radio.rssi = event.rssi;
-        radio.bandwidth = event.bandwidth;
-    } else {
-        log_radio_out_of_range(event);
-    }
+    mark_heard(entry, event);
+    store_radio(entry, event, false);
     entry.info.radiocnt = 2;
 }
 
