@@ -51,20 +51,16 @@ uint32_t nbcp_build_ndsp(uint8_t *out, nbcp_ndsp *rec) {
     nbcp_put_field_string(e, NDSP_INFO_NAME, info.name);
     // The count goes out as stored; only four radios exist to describe.
     nbcp_put_u8(e, NDSP_INFO_RADIOCNT, info.radiocnt);
-    nbcp_put_radios(e, info, NDSP_RADIO_CODES);
-    nbcp_put_end(e);
-    return e.count;
-}
-
-void nbcp_put_radios(nbcp_encoder &e, const ap_info &info, const nbcp_radio_codes &codes) {
     int radios = std::min<int>(info.radiocnt, AP_RADIO_MAX);
     for (int i = 0; i < radios; ++i) {
         const radio_info &r = info.radio[i];
-        nbcp_put_u8(e, codes.radioid, r.radioid);
-        nbcp_put_u8(e, codes.channel, r.channel);
-        nbcp_put_u8(e, codes.txpower, r.txpower);
-        nbcp_put_u8(e, codes.rssi, r.rssi);
-        nbcp_put_u8(e, codes.bandwidth, r.bandwidth);
-        nbcp_put_u8(e, codes.end, 0);
+        nbcp_put_u8(e, NDSP_RADIO_ID, r.radioid);
+        nbcp_put_u8(e, NDSP_RADIO_CHANNEL, r.channel);
+        nbcp_put_u8(e, NDSP_RADIO_TXPOWER, r.txpower);
+        nbcp_put_u8(e, NDSP_RADIO_RSSI, r.rssi);
+        nbcp_put_u8(e, NDSP_RADIO_BANDWIDTH, r.bandwidth);
+        nbcp_put_u8(e, NDSP_RADIO_END, 0);
     }
+    nbcp_put_end(e);
+    return e.count;
 }

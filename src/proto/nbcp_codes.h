@@ -4,9 +4,6 @@
 
 #include <cstdint>
 
-#include "neighbor/ap_info.h"
-#include "proto/nbcp_wire.h"
-
 enum ndrp_code : uint16_t {
     NDRP_KIND_FLAG = 128,
     NDRP_MODE = 129,
@@ -80,6 +77,3 @@ constexpr nbcp_radio_codes NDSP_RADIO_CODES = {NDSP_RADIO_ID,        NDSP_RADIO_
 constexpr nbcp_radio_codes LIST_RADIO_CODES = {LIST_RADIO_ID,        LIST_RADIO_CHANNEL,
                                                LIST_RADIO_TXPOWER,   LIST_RADIO_RSSI,
                                                LIST_RADIO_BANDWIDTH, LIST_RADIO_END};
-
-// Appends the radio elements of the first min(radiocnt, 4) radios, each closed by its end code.
-void nbcp_put_radios(nbcp_encoder &e, const ap_info &info, const nbcp_radio_codes &codes);
