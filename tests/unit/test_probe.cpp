@@ -11,6 +11,7 @@
 
 #include "core/probe.h"
 #include "core/settings.h"
+#include "probe_capture.h"
 #include "sandbox.h"
 #include "sysinfo/self_ap.h"
 
@@ -36,58 +37,24 @@ ip6_addr ipv6(const char *text) {
     return out;
 }
 
-// Receivers on both families at the probe port, reporting each datagram's destination.
+// The next probe caught, as "v4 <destination> mode <m> bytes-ok|bytes-differ", "v6 ...", or
+// "none".
 struct receivers {
-    int v4 = -1;
-    int v6 = -1;
+    probe_capture capture;
 
-    receivers() {
-        int on = 1;
-        v4 = socket(AF_INET, SOCK_DGRAM, 0);
-        setsockopt(v4, IPPROTO_IP, IP_PKTINFO, &on, sizeof on);
-        sockaddr_in a4{};
-        a4.sin_family = AF_INET;
-        a4.sin_port = htons(NBCP_PORT);
-        bind(v4, reinterpret_cast<sockaddr *>(&a4), sizeof a4);
-        v6 = socket(AF_INET6, SOCK_DGRAM, 0);
-        setsockopt(v6, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
-        sockaddr_in6 a6{};
-        a6.sin6_family = AF_INET6;
-        a6.sin6_port = htons(NBCP_PORT);
-        bind(v6, reinterpret_cast<sockaddr *>(&a6), sizeof a6);
-    }
-
-    // "v4 <destination> mode <m> bytes-ok|bytes-differ", "v6 ...", or "none".
     std::string next() {
-        pollfd fds[2] = {{v4, POLLIN, 0}, {v6, POLLIN, 0}};
-        if (poll(fds, 2, 300) <= 0) {
+        auto got = capture.next(300);
+        if (!got) {
             return "none";
         }
-        bool from_v4 = (fds[0].revents & POLLIN) != 0;
-        uint8_t data[128] = {};
-        char control[128];
-        iovec iov{data, sizeof data};
-        msghdr msg{};
-        msg.msg_iov = &iov;
-        msg.msg_iovlen = 1;
-        msg.msg_control = control;
-        msg.msg_controllen = sizeof control;
-        ssize_t n = recvmsg(from_v4 ? v4 : v6, &msg, 0);
-        std::string out = from_v4 ? "v4 " : "v6 ";
-        if (from_v4) {
-            for (cmsghdr *c = CMSG_FIRSTHDR(&msg); c != nullptr; c = CMSG_NXTHDR(&msg, c)) {
-                if (c->cmsg_level == IPPROTO_IP && c->cmsg_type == IP_PKTINFO) {
-                    in_pktinfo info;
-                    memcpy(&info, CMSG_DATA(c), sizeof info);
-                    out += inet_ntoa(info.ipi_addr);
-                }
-            }
-        }
-        out += " mode " + std::to_string(data[MODE_BYTE]);
+        std::string out = got->v4 ? "v4 " + got->dest : "v6 ";
+        uint8_t mode = got->bytes.size() > MODE_BYTE ? got->bytes[MODE_BYTE] : 0;
+        out += " mode " + std::to_string(mode);
         uint8_t expected[60];
         memcpy(expected, EXPECTED_PROBE, sizeof expected);
-        expected[MODE_BYTE] = data[MODE_BYTE];
-        bool same = n == 60 && memcmp(data, expected, sizeof expected) == 0;
+        expected[MODE_BYTE] = mode;
+        bool same = got->bytes.size() == sizeof expected &&
+                    memcmp(got->bytes.data(), expected, sizeof expected) == 0;
         return out + (same ? " bytes-ok" : " bytes-differ");
     }
 };

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "core/settings.h"
+#include "probe_capture.h"
 #include "sandbox.h"
 #include "static/static_store.h"
 #include "static/static_timer.h"
@@ -26,62 +27,22 @@ using static_env::contains;
 constexpr size_t PROBE_LEN = 60;
 constexpr size_t PROBE_MODE_BYTE = 19;
 
-// Probe receivers on both families; each datagram is reported as "v4 <dest> m<mode>" or
-// "v6 m<mode>".
+// Every probe caught until none comes for 200 ms, each as "v4 <dest> m<mode>" or "v6 m<mode>".
 struct probe_receivers {
-    int v4 = socket(AF_INET, SOCK_DGRAM, 0);
-    int v6 = socket(AF_INET6, SOCK_DGRAM, 0);
-
-    probe_receivers() {
-        int on = 1;
-        setsockopt(v4, IPPROTO_IP, IP_PKTINFO, &on, sizeof on);
-        sockaddr_in a4{};
-        a4.sin_family = AF_INET;
-        a4.sin_port = htons(NBCP_PORT);
-        bind(v4, reinterpret_cast<sockaddr *>(&a4), sizeof a4);
-        setsockopt(v6, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
-        sockaddr_in6 a6{};
-        a6.sin6_family = AF_INET6;
-        a6.sin6_port = htons(NBCP_PORT);
-        bind(v6, reinterpret_cast<sockaddr *>(&a6), sizeof a6);
-    }
-    ~probe_receivers() {
-        close(v4);
-        close(v6);
-    }
+    probe_capture capture;
 
     std::string all() {
         std::string seen;
-        for (;;) {
-            pollfd fds[2] = {{v4, POLLIN, 0}, {v6, POLLIN, 0}};
-            if (poll(fds, 2, 200) <= 0) {
-                return seen.empty() ? "none" : seen;
-            }
-            bool from_v4 = (fds[0].revents & POLLIN) != 0;
-            uint8_t data[128] = {};
-            char control[128];
-            iovec iov{data, sizeof data};
-            msghdr msg{};
-            msg.msg_iov = &iov;
-            msg.msg_iovlen = 1;
-            msg.msg_control = control;
-            msg.msg_controllen = sizeof control;
-            ssize_t n = recvmsg(from_v4 ? v4 : v6, &msg, 0);
-            std::string one = from_v4 ? "v4 " : "v6";
-            for (cmsghdr *c = CMSG_FIRSTHDR(&msg); from_v4 && c != nullptr;
-                 c = CMSG_NXTHDR(&msg, c)) {
-                if (c->cmsg_level == IPPROTO_IP && c->cmsg_type == IP_PKTINFO) {
-                    in_pktinfo info;
-                    memcpy(&info, CMSG_DATA(c), sizeof info);
-                    one += inet_ntoa(info.ipi_addr);
-                }
-            }
-            one += " m" + std::to_string(data[PROBE_MODE_BYTE]);
-            if (n != static_cast<ssize_t>(PROBE_LEN)) {
-                one += " len " + std::to_string(n);
+        while (auto got = capture.next(200)) {
+            std::string one = got->v4 ? "v4 " + got->dest : "v6";
+            uint8_t mode = got->bytes.size() > PROBE_MODE_BYTE ? got->bytes[PROBE_MODE_BYTE] : 0;
+            one += " m" + std::to_string(mode);
+            if (got->bytes.size() != PROBE_LEN) {
+                one += " len " + std::to_string(got->bytes.size());
             }
             seen += (seen.empty() ? "" : ", ") + one;
         }
+        return seen.empty() ? "none" : seen;
     }
 };
 
