@@ -1,5 +1,5 @@
-// The bus service on the platform's ubus: converts each request between blobmsg and the JSON
-// values of the method layer, which does all the work.
+// The bus service on the platform's ubus: reads each request with blobmsg (by the method's
+// policy, or whole as JSON text) and hands it to the method layer, which does all the work.
 extern "C" {
 #include <libubox/blobmsg.h>
 #include <libubox/blobmsg_json.h>
@@ -141,13 +141,38 @@ void send_json_reply(ubus_context *ctx, ubus_request_data *req, json_object *rep
     blob_buf_free(&b);
 }
 
+// The members that blobmsg parsing against the method's policy picks, as a JSON object, or null
+// when the message does not parse. An empty message is a request without arguments, as the JSON
+// reading of the other methods has it (newer libubox refuses an empty buffer in blobmsg_parse).
+json_ref request_by_policy(const method_entry &entry, blob_attr *msg) {
+    size_t policies = entry.policy_count < POLICY_MAX ? entry.policy_count : POLICY_MAX;
+    const blobmsg_policy *policy = tarn_policies[&entry - tarn_methods];
+    blob_attr *found[POLICY_MAX] = {};
+    if (msg != nullptr && blob_len(msg) > 0 &&
+        blobmsg_parse(policy, static_cast<int>(policies), found, blob_data(msg), blob_len(msg)) <
+            0) {
+        return nullptr;
+    }
+    blob_buf picked = {};
+    blob_buf_init(&picked, 0);
+    for (size_t i = 0; i < policies; ++i) {
+        if (found[i] != nullptr) {
+            blob_put_raw(&picked, found[i], blob_pad_len(found[i]));
+        }
+    }
+    json_ref request = request_json(picked.head);
+    blob_buf_free(&picked);
+    return request;
+}
+
 int tarn_method_handler(ubus_context *ctx, ubus_object * /*obj*/, ubus_request_data *req,
                         const char *method, blob_attr *msg) {
     const method_entry *entry = find_method(tarn_methods, TARN_METHOD_COUNT, method);
     if (entry == nullptr) {
         return UBUS_STATUS_METHOD_NOT_FOUND;
     }
-    json_ref request = request_json(msg);
+    json_ref request = entry->reading == request_reading::by_policy ? request_by_policy(*entry, msg)
+                                                                    : request_json(msg);
     json_ref reply;
     int status = entry->handler(entry->name, request.get(), reply);
     if (status == 0 && reply) {

@@ -1,7 +1,10 @@
 // The methods of the bus object "tarn" and its configuration-reload event, over json-c values.
 //
 // Every transport (the platform's ubus binding, the embedded bus) turns an incoming request into
-// a JSON object and hands it to these handlers; only the transport differs between the two.
+// a JSON object and hands it to these handlers; only the transport differs between the two. A
+// method read by policy gets only the members its policy picks (the embedded bus, whose requests
+// are JSON objects already, hands over the whole object: the handler's policy reading picks the
+// same members).
 #pragma once
 
 #include <json-c/json.h>
@@ -19,11 +22,19 @@ constexpr int METHOD_NO_JSON_TEXT = 1;   // the request could not be turned into
 // them. On status 0, reply holds the reply object (null only when memory ran out).
 using method_handler = int (*)(const char *method, json_object *request, json_ref &reply);
 
+// How a transport reads a request for a method.
+enum class request_reading {
+    whole_message,  // every member, as the message's JSON text reads
+    by_policy,      // the policy's members only, by blobmsg parsing: the first member of a
+                    // repeated name, named members only; null when the message does not parse
+};
+
 struct method_entry {
     const char *name;
     method_handler handler;
     const arg_policy *policy;  // announced to the bus; handlers apply it themselves
     size_t policy_count;
+    request_reading reading = request_reading::whole_message;
 };
 
 // An event handler: type is the event's name, message its JSON object or null.
@@ -36,7 +47,8 @@ json_ref result_reply(const char *text);
 const method_entry *find_method(const method_entry *methods, size_t count, const char *name);
 
 // "debug_set" and "debug_get".
-extern const arg_policy debug_set_policy[1];
+enum debug_set_arg : size_t { DEBUG_SET_SWITCH, DEBUG_SET_ARG_COUNT };
+extern const arg_policy debug_set_policy[DEBUG_SET_ARG_COUNT];
 int ubus_set_debug(const char *method, json_object *request, json_ref &reply);
 int ubus_get_debug(const char *method, json_object *request, json_ref &reply);
 
@@ -47,8 +59,15 @@ int ubus_show_neighbor(const char *method, json_object *request, json_ref &reply
 // The static neighbor edits: "qv_static_neighbor", "add_static_neighbor",
 // "del_static_neighbor", "qv_del_static_neighbor".
 extern const arg_policy static_qv_policy[1];
-extern const arg_policy static_add_policy[3];
-extern const arg_policy static_del_policy[1];
+enum static_add_arg : size_t {
+    STATIC_ADD_MAC,
+    STATIC_ADD_IP,
+    STATIC_ADD_IP6,
+    STATIC_ADD_ARG_COUNT
+};
+enum static_del_arg : size_t { STATIC_DEL_MAC, STATIC_DEL_ARG_COUNT };
+extern const arg_policy static_add_policy[STATIC_ADD_ARG_COUNT];
+extern const arg_policy static_del_policy[STATIC_DEL_ARG_COUNT];
 extern const arg_policy static_qv_del_policy[1];
 int ubus_static_mac_qv(const char *method, json_object *request, json_ref &reply);
 int ubus_static_mac_add(const char *method, json_object *request, json_ref &reply);

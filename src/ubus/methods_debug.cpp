@@ -4,16 +4,16 @@
 #include "ubus/methods.h"
 #include "util/log.h"
 
-const arg_policy debug_set_policy[1] = {{"debug_switch", arg_type::int32}};
+const arg_policy debug_set_policy[DEBUG_SET_ARG_COUNT] = {{"debug_switch", arg_type::int32}};
 
 int ubus_set_debug(const char * /*method*/, json_object *request, json_ref &reply) {
-    json_object *args[1];
-    if (parse_args_json(debug_set_policy, 1, request, args) < 0) {
+    json_object *args[DEBUG_SET_ARG_COUNT];
+    if (parse_args_json(debug_set_policy, DEBUG_SET_ARG_COUNT, request, args) < 0) {
         TARN_ERR("%s: blobmsg parse error.\n", "ubus_set_debug");
         return METHOD_PARSE_FAILED;
     }
-    if (args[0] != nullptr) {
-        tarn_debug = json_object_get_int(args[0]);
+    if (args[DEBUG_SET_SWITCH] != nullptr) {
+        tarn_debug = json_object_get_int(args[DEBUG_SET_SWITCH]);
         if (tarn_debug != 0) {
             TARN_WARN("Set tarn in debug mode\n");
         }

@@ -12,9 +12,10 @@
 #include "util/log.h"
 
 const arg_policy static_qv_policy[1] = {{"neighbor_list", arg_type::array}};
-const arg_policy static_add_policy[3] = {
+// In the order of static_add_arg and static_del_arg.
+const arg_policy static_add_policy[STATIC_ADD_ARG_COUNT] = {
     {"mac", arg_type::string}, {"ip", arg_type::string}, {"ip6", arg_type::string}};
-const arg_policy static_del_policy[1] = {{"mac", arg_type::string}};
+const arg_policy static_del_policy[STATIC_DEL_ARG_COUNT] = {{"mac", arg_type::string}};
 const arg_policy static_qv_del_policy[1] = {{"mac_list", arg_type::array}};
 
 namespace {
@@ -134,23 +135,23 @@ int ubus_static_mac_qv(const char *method, json_object *request, json_ref &reply
 }
 
 int ubus_static_mac_add(const char * /*method*/, json_object *request, json_ref &reply) {
-    json_object *args[3];
-    if (parse_args_json(static_add_policy, 3, request, args) < 0) {
+    json_object *args[STATIC_ADD_ARG_COUNT];
+    if (parse_args_json(static_add_policy, STATIC_ADD_ARG_COUNT, request, args) < 0) {
         TARN_ERR("%s: blobmsg parse error.\n", "ubus_static_mac_add");
         return METHOD_PARSE_FAILED;
     }
     int result = 0;
-    if (args[0] != nullptr) {
-        const char *mac = json_object_get_string(args[0]);
+    if (args[STATIC_ADD_MAC] != nullptr) {
+        const char *mac = json_object_get_string(args[STATIC_ADD_MAC]);
         const char *ip = nullptr;
         const char *ip6 = nullptr;
         TARN_DBG("The add mac is %s.\n", mac);
-        if (args[1] != nullptr) {
-            ip = json_object_get_string(args[1]);
+        if (args[STATIC_ADD_IP] != nullptr) {
+            ip = json_object_get_string(args[STATIC_ADD_IP]);
             TARN_DBG("The add ip is %s.\n", ip);
         }
-        if (args[2] != nullptr) {
-            ip6 = json_object_get_string(args[2]);
+        if (args[STATIC_ADD_IP6] != nullptr) {
+            ip6 = json_object_get_string(args[STATIC_ADD_IP6]);
             TARN_DBG("The add ip6 is %s.\n", ip6);
         }
         result = static_mac_add(mac, ip, ip6);
@@ -160,14 +161,14 @@ int ubus_static_mac_add(const char * /*method*/, json_object *request, json_ref 
 }
 
 int ubus_static_mac_del(const char * /*method*/, json_object *request, json_ref &reply) {
-    json_object *args[1];
-    if (parse_args_json(static_del_policy, 1, request, args) < 0) {
+    json_object *args[STATIC_DEL_ARG_COUNT];
+    if (parse_args_json(static_del_policy, STATIC_DEL_ARG_COUNT, request, args) < 0) {
         TARN_ERR("%s: blobmsg parse error.\n", "ubus_static_mac_del");
         return METHOD_PARSE_FAILED;
     }
     int result = 0;
-    if (args[0] != nullptr) {
-        const char *mac = json_object_get_string(args[0]);
+    if (args[STATIC_DEL_MAC] != nullptr) {
+        const char *mac = json_object_get_string(args[STATIC_DEL_MAC]);
         TARN_DBG("The del mac is %s.\n", mac);
         result = static_mac_del(mac);
     }
