@@ -110,6 +110,19 @@ int bus_call(const char *socket_path, const char *object, const char *method, co
     return exchange(socket_path, timeout_ms, encode_call(object, method, text), reply_json);
 }
 
+bool bus_reachable(const char *socket_path, int timeout_ms) {
+    int fd = connect_bus(socket_path, timeout_ms);
+    if (fd < 0) {
+        return false;
+    }
+    close(fd);
+    return true;
+}
+
+int bus_list(const char *socket_path, const char *path, int timeout_ms, std::string &reply_json) {
+    return exchange(socket_path, timeout_ms, encode_list(path), reply_json);
+}
+
 int bus_send(const char *socket_path, const char *type, const char *message, int timeout_ms) {
     std::string text;
     if (!canonical_args(message, text)) {

@@ -12,6 +12,14 @@ constexpr int BUS_CLIENT_TIMEOUT_MS = 30000;
 int bus_call(const char *socket_path, const char *object, const char *method, const char *args,
              int timeout_ms, std::string &reply_json);
 
+// True when a connection to the bus can be made within timeout_ms (the ubus command connects
+// before it looks at its command).
+bool bus_reachable(const char *socket_path, int timeout_ms);
+
+// Lists the objects whose name is path (every object when path is empty): reply_json gets
+// {object: {method: {argument: type name}}}. BUS_STATUS_NOT_FOUND when none matches.
+int bus_list(const char *socket_path, const char *path, int timeout_ms, std::string &reply_json);
+
 // Sends the event type with the JSON object text message (null: an empty object).
 int bus_send(const char *socket_path, const char *type, const char *message, int timeout_ms);
 
@@ -19,6 +27,6 @@ int bus_send(const char *socket_path, const char *type, const char *message, int
 // element, one tab per level, ": " after a name, empty containers on two lines.
 std::string format_json_indented(const std::string &json);
 
-// The tarn-bus command line: [-s socket] [-t seconds] [-S] call OBJECT METHOD [JSON] | send TYPE
-// [JSON]. Prints as the ubus command does and returns its exit status.
+// The tarn-bus command line: [-s socket] [-t seconds] [-S] [-v] list [PATH] | call OBJECT METHOD
+// [JSON] | send TYPE [JSON]. Prints as the ubus command does and returns its exit status.
 int tarn_bus_main(int argc, char **argv);

@@ -76,6 +76,27 @@ int dispatch_send(const bus_service &service, const bus_request &request) {
     return BUS_STATUS_OK;
 }
 
+// {object: {method: {argument: type name}}}, as the ubus command lists signatures.
+int dispatch_list(const bus_service &service, const bus_request &request, std::string &reply_json) {
+    if (!request.name.empty() && request.name != service.object) {
+        return BUS_STATUS_NOT_FOUND;
+    }
+    json_ref objects(json_object_new_object());
+    json_object *methods = json_object_new_object();
+    json_object_object_add(objects.get(), service.object, methods);
+    for (size_t i = 0; i < service.method_count; ++i) {
+        const method_entry &entry = service.methods[i];
+        json_object *signature = json_object_new_object();
+        for (size_t j = 0; j < entry.policy_count; ++j) {
+            json_object_object_add(signature, entry.policy[j].name,
+                                   json_object_new_string(arg_type_name(entry.policy[j].type)));
+        }
+        json_object_object_add(methods, entry.name, signature);
+    }
+    reply_json = json_object_to_json_string_ext(objects.get(), JSON_C_TO_STRING_PLAIN);
+    return BUS_STATUS_OK;
+}
+
 }  // namespace
 
 int bus_server_open(const char *path) {
@@ -108,6 +129,9 @@ int bus_dispatch(const bus_service &service, std::string_view payload, std::stri
     }
     if (request.kind == "call") {
         return dispatch_call(service, request, reply_json);
+    }
+    if (request.kind == "list") {
+        return dispatch_list(service, request, reply_json);
     }
     return dispatch_send(service, request);
 }

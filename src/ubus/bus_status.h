@@ -2,6 +2,8 @@
 // written against `ubus call` read the embedded bus the same way.
 #pragma once
 
+#include <string>
+
 enum bus_status : int {
     BUS_STATUS_OK = 0,
     BUS_STATUS_INVALID_COMMAND = 1,
@@ -14,7 +16,10 @@ enum bus_status : int {
     BUS_STATUS_NOT_SUPPORTED = 8,
     BUS_STATUS_UNKNOWN_ERROR = 9,
     BUS_STATUS_CONNECTION_FAILED = 10,
+    BUS_STATUS_NO_MEMORY = 11,
+    BUS_STATUS_PARSE_ERROR = 12,
+    BUS_STATUS_SYSTEM_ERROR = 13,
 };
 
-// The text the ubus command prints after "Command failed: " for a status.
-const char *bus_strerror(int status);
+// The text the ubus command prints for a status ("Unknown error: N" outside the known ones).
+std::string bus_strerror(int status);

@@ -149,6 +149,13 @@ std::string encode_send(std::string_view type, std::string_view json) {
     return payload;
 }
 
+std::string encode_list(std::string_view path) {
+    std::string payload("list");
+    payload.push_back('\0');
+    payload.append(path).push_back('\0');
+    return payload;
+}
+
 bool decode_request(std::string_view payload, bus_request &request) {
     request = bus_request{};
     if (!take_field(payload, request.kind) || !take_field(payload, request.name)) {
@@ -158,6 +165,8 @@ bool decode_request(std::string_view payload, bus_request &request) {
         if (!take_field(payload, request.method)) {
             return false;
         }
+    } else if (request.kind == "list") {
+        return payload.empty();
     } else if (request.kind != "send") {
         return false;
     }

@@ -3,6 +3,7 @@
 // A connection carries one request and its reply over an AF_UNIX stream socket. Each is one
 // frame: a 4-byte length in network byte order, then that many bytes of payload.
 //   request payload: "call" NUL object NUL method NUL json   or   "send" NUL type NUL json
+//                    or   "list" NUL path NUL   (an empty path lists every object)
 //   reply payload:   4-byte status (int32, network byte order), then the reply's JSON text
 //                    (empty when the method sent no reply)
 // The JSON texts are objects. Frames longer than the limits below are refused unread.
@@ -37,14 +38,15 @@ int wire_write_frame(int fd, std::string_view payload, int64_t deadline_ms);
 int wire_read_frame(int fd, size_t max, std::string &payload, int64_t deadline_ms);
 
 struct bus_request {
-    std::string kind;  // "call" or "send"
-    std::string name;  // object of a call, event type of a send
+    std::string kind;  // "call", "send" or "list"
+    std::string name;  // object of a call, event type of a send, path of a list
     std::string method;
     std::string json;
 };
 
 std::string encode_call(std::string_view object, std::string_view method, std::string_view json);
 std::string encode_send(std::string_view type, std::string_view json);
+std::string encode_list(std::string_view path);
 // False when the payload is not a request of a known kind with all its fields.
 bool decode_request(std::string_view payload, bus_request &request);
 

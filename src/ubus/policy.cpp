@@ -2,6 +2,20 @@
 
 #include <cstdint>
 
+const char *arg_type_name(arg_type type) {
+    switch (type) {
+        case arg_type::array:
+            return "Array";
+        case arg_type::table:
+            return "Table";
+        case arg_type::string:
+            return "String";
+        case arg_type::int32:
+            return "Integer";
+    }
+    return "(unknown)";
+}
+
 bool arg_has_type(json_object *value, arg_type type) {
     switch (type) {
         case arg_type::array:

@@ -12,6 +12,9 @@ struct arg_policy {
     arg_type type;
 };
 
+// The name the ubus command lists a type by: "Array", "Table", "String", "Integer".
+const char *arg_type_name(arg_type type);
+
 // True when value has the policy type: an integer counts as int32 only when it fits 32 bits.
 bool arg_has_type(json_object *value, arg_type type);
 

@@ -390,23 +390,51 @@ TEST_F(TarnBusCommandTest, CallPrintsTheIndentedReply) {
               "\"2\"\n\t}\n}\n");
 }
 
-TEST_F(TarnBusCommandTest, FailuresReportAndExitWithTheStatus) {
-    std::string out, err;
-    EXPECT_EQ(run({"tarn-bus", "-s", path_, "call", "tarn", "nope"}, out, err), 3);
-    EXPECT_EQ(err, "Command failed: Method not found\n");
-    EXPECT_EQ(run({"tarn-bus", "-s", path_, "call", "x", "debug_get"}, out, err), 4);
-    EXPECT_EQ(err, "Command failed: Not found\n");
-    EXPECT_EQ(run({"tarn-bus", "-s", path_, "call", "tarn", "echo", "{"}, out, err), 2);
-    EXPECT_EQ(err, "Command failed: Invalid argument\n");
-    EXPECT_EQ(run({"tarn-bus", "-s", path_, "call", "tarn", "parse_failure"}, out, err), -1);
-    EXPECT_EQ(err, "");
-    EXPECT_EQ(out, "");
+// Standard error is a file here, so a failed call reports the ubus command's long line and the
+// negated status.
+TEST_F(TarnBusCommandTest, FailuresReportAndExitAsTheUbusCommand) {
     std::string missing = dir_ + "/none";
-    EXPECT_EQ(run({"tarn-bus", "-s", missing, "call", "tarn", "debug_get"}, out, err), 10);
-    EXPECT_EQ(err, "Command failed: Connection failed\n");
-    EXPECT_EQ(run({"tarn-bus", "-s", path_, "call", "tarn"}, out, err), 1);
-    EXPECT_NE(err.find("Usage: tarn-bus"), std::string::npos);
-    EXPECT_EQ(run({"tarn-bus", "-s", path_, "list"}, out, err), 1);
+    struct failure {
+        std::vector<std::string> words;
+        int status;
+        std::string err;
+    } failures[] = {
+        {{"call", "tarn", "nope"}, -3, "Command failed: ubus call tarn nope (Method not found)\n"},
+        {{"call", "x", "debug_get"}, 4, "Command failed: Not found\n"},
+        {{"call", "tarn", "echo", "{"},
+         -12,
+         "Command failed: ubus call tarn echo { (Parsing message data failed)\n"},
+        {{"call", "tarn", "parse_failure"},
+         1,
+         "Command failed: ubus call tarn parse_failure (Unknown error: -1)\n"
+         "Command failed: Invalid command\n"},
+        {{"-S", "call", "tarn", "nope"}, 3, ""},
+        {{"send", "x", "[]"}, 12, "Command failed: Parsing message data failed\n"},
+        {{"list", "x"}, 4, "Command failed: Not found\n"},
+    };
+    std::string out, err;
+    for (const failure &f : failures) {
+        std::vector<std::string> words = {"tarn-bus", "-s", path_};
+        words.insert(words.end(), f.words.begin(), f.words.end());
+        EXPECT_EQ(run(words, out, err), f.status) << f.words[1];
+        EXPECT_EQ(err, f.err);
+        EXPECT_EQ(out, "");
+    }
+    EXPECT_EQ(run({"tarn-bus", "-s", missing, "call", "tarn", "debug_get"}, out, err), -1);
+    EXPECT_EQ(err, "Failed to connect to ubus\n");
+    EXPECT_EQ(run({"tarn-bus", "-s", path_, "call", "tarn"}, out, err), -2);
+    EXPECT_EQ(err.rfind("Usage: tarn-bus [<options>] <command> [arguments...]\n", 0), 0u);
+}
+
+TEST_F(TarnBusCommandTest, ListNamesTheObjectAndItsSignatures) {
+    std::string out, err;
+    EXPECT_EQ(run({"tarn-bus", "-s", path_, "list"}, out, err), 0);
+    EXPECT_EQ(out, "tarn\n");
+    EXPECT_EQ(run({"tarn-bus", "-s", path_, "-v", "list", "tarn"}, out, err), 0);
+    EXPECT_EQ(out.rfind("'tarn' @00000001\n\t\"debug_get\":{}\n\t\"debug_set\":{\"debug_switch\":"
+                        "\"Integer\"}\n",
+                        0),
+              0u);
 }
 
 TEST_F(TarnBusCommandTest, SendDeliversTheEvent) {
