@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The whole test suite: unit tests (plain, ASan+UBSan, TSan for the concurrency tests), the
-# system tests in network namespaces (root only; skipped with a reason otherwise) and the
-# bounded fuzz runs of the protocol decoders.
+# system tests in network namespaces (root only; skipped with a reason otherwise), the real-bus
+# stage (scripts/test-ubus.sh) and the bounded fuzz runs of the protocol decoders.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 JOBS=$(nproc)
@@ -38,6 +38,9 @@ if [ -d tests/system ]; then
     step "system tests"
     TARN_BUILD_DIR="$PWD/build" /usr/bin/python3 -m pytest -q -rs tests/system
 fi
+
+step "real-bus stage: ubusd, the ubus command and tarn built against the platform's bus"
+scripts/test-ubus.sh
 
 if [ -x scripts/run-fuzz.sh ]; then
     step "fuzzing"

@@ -1,10 +1,15 @@
 """The bus object "tarn" and the configuration-reload event against running daemons: every
-method through `tarn-bus call`, the event through `tarn-bus send`, the static neighbor file on
-disk after each edit, the call statuses the command exits with, and the end of the service."""
+method through `call`, the event through `send`, the static neighbor file on disk after each
+edit, the call statuses the command exits with, and the end of the service.
+
+Every test runs once per transport: `tarn-bus` on a build of the embedded bus ($TARN_BUILD_DIR),
+and the platform's `ubus` with an ubusd per AP on a build that serves ubus
+($TARN_UBUS_BUILD_DIR); $TARN_BUS_TRANSPORTS (e.g. "ubus") picks among those given."""
 
 import contextlib
 import json
 import os
+import re
 import signal
 import socket
 import struct
@@ -13,6 +18,7 @@ import time
 import pytest
 
 from tarnlab import drvproto, nsutil
+from tarnlab.lab import default_build_dir, ubus_prefix_of
 from tarnlab.nsutil import netns_entered
 from tarnsys import (LISTENING_LOG, NBCP_PORT, local_message, send_driver_event, send_local,
                      wait_stopped)
@@ -38,6 +44,31 @@ FILE_X = {"mac": "02:00:00:00:00:51", "ip": "10.99.0.51", "ip6": "::"}
 FILE_AP3 = {"mac": "02:7a:00:00:00:03", "ip": "10.99.0.13", "ip6": "fd00:99::13"}
 INITIAL_LIST = [FILE_X, FILE_AP3]
 UNKNOWN_MAC = "02:00:00:00:00:99"
+
+
+# ----- transports ----------------------------------------------------------------------------
+
+def transport_of(build_dir):
+    return "ubus" if ubus_prefix_of(build_dir) else "tarn-bus"
+
+
+def given_builds():
+    """{transport: build directory} of the builds given."""
+    dirs = [default_build_dir()] + [d for d in [os.environ.get("TARN_UBUS_BUILD_DIR")] if d]
+    return {transport_of(d): os.path.abspath(d) for d in dirs}
+
+
+GIVEN_BUILDS = given_builds()
+BUILDS = {t: d for t, d in GIVEN_BUILDS.items()
+          if t in os.environ.get("TARN_BUS_TRANSPORTS", ",".join(GIVEN_BUILDS)).split(",")}
+# What a call gets when the daemon is gone: ubusd answers that the object is not there, while
+# the embedded bus went with its daemon.
+NO_DAEMON = {"ubus": (4, "Command failed: Not found\n"),
+             "tarn-bus": (255, "Failed to connect to ubus\n")}
+
+
+def is_ubus(ap):
+    return bool(ap.lab.ubus_prefix)
 
 
 # ----- helpers -------------------------------------------------------------------------------
@@ -72,11 +103,19 @@ def result_of(ap, method, payload=None):
     return reply["result"]
 
 
+def bus_run(ap, *args):
+    return ap.exec([ap.bus_command] + list(args), timeout=10)
+
+
 def bus_send(ap, event_type, message=None):
-    argv = [os.path.join(ap.lab.build_dir, "tarn-bus"), "send", event_type]
+    argv = [ap.bus_command, "send", event_type]
     if message is not None:
         argv.append(message if isinstance(message, str) else json.dumps(message))
-    return ap.exec(argv, timeout=10)
+    result = ap.exec(argv, timeout=10)
+    # ubus delivers an event after `send` returns; a call queued behind it is answered once the
+    # event's handler has run.
+    call(ap, "debug_get")
+    return result
 
 
 def reload(ap, names):
@@ -174,9 +213,14 @@ def assert_probe(sock, source):
 
 # ----- fixtures ------------------------------------------------------------------------------
 
+@pytest.fixture(params=list(BUILDS.values()), ids=list(BUILDS))
+def bus_build(request):
+    return request.param
+
+
 @pytest.fixture
-def lab3(make_lab):
-    lab = make_lab(SCENARIO)
+def lab3(make_lab, bus_build):
+    lab = make_lab(SCENARIO, build_dir=bus_build)
     lab.ap("ap1").wait_log(LISTENING_LOG)
     return lab
 
@@ -184,6 +228,20 @@ def lab3(make_lab):
 @pytest.fixture
 def ap1(lab3):
     return lab3.ap("ap1")
+
+
+def lone_ap(make_lab, build_dir):
+    """One AP without a driver simulator or daemon (its ubusd runs on a ubus build)."""
+    lab = make_lab({"count": 1, "hears": "none"}, bridge=False, simulators=False,
+                   daemons=False, build_dir=build_dir)
+    return lab.ap("ap1")
+
+
+@pytest.fixture
+def node(make_lab, bus_build):
+    ap = lone_ap(make_lab, bus_build)
+    yield ap
+    ap.stop_daemon()
 
 
 @pytest.fixture
@@ -227,7 +285,8 @@ def test_add_of_a_known_mac_changes_only_what_it_names(ap1):
     assert result_of(ap1, "add_static_neighbor", {"mac": FILE_AP3["mac"],
                                                   "ip": "10.99.0.23"}) == "success"
     assert file_entries(ap1) == [dict(FILE_X, ip6="fd00:99::51"), dict(FILE_AP3, ip="10.99.0.23")]
-    assert static_rows(ap1) == file_entries(ap1)
+    # AP 3 answers probes: its node in memory then holds the address the answer came from.
+    assert [r["mac"] for r in static_rows(ap1)] == [FILE_X["mac"], FILE_AP3["mac"]]
 
 
 @pytest.mark.parametrize("payload", [
@@ -546,45 +605,55 @@ def test_show_methods_of_an_empty_table_give_empty_arrays(daemon):
 
 # ----- call statuses -------------------------------------------------------------------------
 
-@pytest.mark.parametrize("args, status, message", [
-    (["call", "tarn", "nosuch"], 3, "Method not found"),
-    (["call", "nosuch", "show"], 4, "Not found"),
-    (["call", "tarn", "debug_set", "{\"debug_switch\": "], 2, "Invalid argument"),
-    (["call", "tarn", "debug_set", "[1]"], 2, "Invalid argument"),
-    (["send", RELOAD_EVENT, "{ModifiedConfig}"], 2, "Invalid argument"),
+def call_failed(args, message):
+    """The line of a failed call when standard error is not a terminal."""
+    return f"Command failed: ubus {' '.join(args)} ({message})\n"
+
+
+@pytest.mark.parametrize("args, status, stderr", [
+    (["call", "tarn", "nosuch"], 253,
+     call_failed(["call", "tarn", "nosuch"], "Method not found")),
+    (["call", "nosuch", "show"], 4, "Command failed: Not found\n"),
+    (["call", "tarn", "debug_set", "{\"debug_switch\": "], 244,
+     call_failed(["call", "tarn", "debug_set", "{\"debug_switch\": "],
+                 "Parsing message data failed")),
+    (["call", "tarn", "debug_set", "[1]"], 244,
+     call_failed(["call", "tarn", "debug_set", "[1]"], "Parsing message data failed")),
+    (["send", RELOAD_EVENT, "{ModifiedConfig}"], 12,
+     "Command failed: Parsing message data failed\n"),
 ], ids=["unknown-method", "unknown-object", "malformed-json", "json-array",
         "malformed-event"])
-def test_failed_call_exits_with_its_status(daemon, args, status, message):
-    result = daemon.exec([os.path.join(daemon.lab.build_dir, "tarn-bus")] + args, timeout=10)
+def test_failed_call_exits_with_its_status(daemon, args, status, stderr):
+    result = bus_run(daemon, *args)
 
-    assert result.returncode == status
-    assert result.stdout == ""
-    assert result.stderr == f"Command failed: {message}\n"
+    assert (result.returncode, result.stdout, result.stderr) == (status, "", stderr)
     assert daemon.daemon_running()
 
 
-def test_without_a_daemon_a_call_fails_to_connect(node):
+def test_without_a_daemon_a_call_fails(node):
     result = node.bus("debug_get")
 
-    assert result.returncode == 10
-    assert result.stderr == "Command failed: Connection failed\n"
+    assert (result.returncode, result.stderr) == NO_DAEMON[transport_of(node.lab.build_dir)]
 
 
-def test_sigterm_ends_the_daemon_with_0_and_removes_the_bus_socket(daemon):
-    assert os.path.exists(daemon.path(BUS_SOCKET))
+def test_sigterm_ends_the_daemon_with_0_and_its_service(daemon):
     assert result_of(daemon, "debug_set", {"debug_switch": 1}) == "success"
 
     assert daemon.stop_daemon(signal.SIGTERM) == 0
 
-    assert not os.path.exists(daemon.path(BUS_SOCKET))
-    assert daemon.bus("debug_get").returncode == 10
+    result = daemon.bus("debug_get")
+    assert (result.returncode, result.stderr) == NO_DAEMON[transport_of(daemon.lab.build_dir)]
+    if not is_ubus(daemon):
+        assert not os.path.exists(daemon.path(BUS_SOCKET))
 
 
-def test_a_killed_daemon_leaves_a_socket_nobody_answers(daemon):
+def test_a_killed_daemon_leaves_no_service(daemon):
     assert daemon.stop_daemon(signal.SIGKILL) == -signal.SIGKILL
-    assert os.path.exists(daemon.path(BUS_SOCKET))
 
-    assert daemon.bus("debug_get").returncode == 10
+    result = daemon.bus("debug_get")
+    assert (result.returncode, result.stderr) == NO_DAEMON[transport_of(daemon.lab.build_dir)]
+    if not is_ubus(daemon):
+        assert os.path.exists(daemon.path(BUS_SOCKET))  # a socket nobody answers
 
 
 def test_a_stopped_daemon_times_out_and_serves_again_when_continued(daemon):
@@ -592,15 +661,97 @@ def test_a_stopped_daemon_times_out_and_serves_again_when_continued(daemon):
     os.kill(pid, signal.SIGSTOP)
     try:
         wait_stopped(pid)
-        result = daemon.exec([os.path.join(daemon.lab.build_dir, "tarn-bus"), "-t", "1",
-                              "call", "tarn", "debug_get"], timeout=10)
+        result = bus_run(daemon, "-t", "1", "call", "tarn", "debug_get")
     finally:
         os.kill(pid, signal.SIGCONT)
 
-    assert result.returncode == 7
-    assert result.stderr == "Command failed: Request timed out\n"
+    assert result.returncode == 249
+    assert result.stderr == call_failed(["call", "tarn", "debug_get"], "Request timed out")
     # The abandoned request does not stall the service.
     assert debug_state(daemon) == 1
+
+
+# ----- requests the ubus command cannot send --------------------------------------------------
+
+# Members as tests/ubus_members_call takes them (TYPE:NAME=VALUE), what the call prints, and the
+# debug flag (set to 0 before) and static neighbors after it.
+MAC_A, MAC_B = "02:00:00:00:00:31", "02:00:00:00:00:32"
+SUCCESS = ['{"result":"success"}', "status 0"]
+
+
+@pytest.mark.parametrize("method, members, output, debug, macs", [
+    ("debug_set", ["i:debug_switch=3", "i:debug_switch=5"], SUCCESS, 3, []),
+    ("debug_set", ["i:=7"], SUCCESS, 0, []),
+    ("debug_set", ["s:debug_switch=9", "i:debug_switch=4"], SUCCESS, 4, []),
+    ("add_static_neighbor", [f"s:mac={MAC_A}", f"s:mac={MAC_B}"], SUCCESS, 0, [MAC_A]),
+    ("add_static_neighbor", [f"s:={MAC_A}", "i:mac=5"], SUCCESS, 0, []),
+    ("qv_del_static_neighbor", ["s:=x"], ["status 1"], 0, []),
+], ids=["repeated-name-first-wins", "nameless-skipped", "wrong-type-absent", "repeated-mac",
+        "nameless-and-wrong-mac", "list-method-nameless"])
+def test_blobmsg_members_are_read_by_policy(daemon, method, members, output, debug, macs):
+    if not is_ubus(daemon):
+        pytest.skip("the embedded bus carries JSON objects: no nameless or repeated members")
+    assert result_of(daemon, "debug_set", {"debug_switch": 0}) == "success"
+
+    result = daemon.exec([os.path.join(daemon.lab.build_dir, "tests", "ubus_members_call"),
+                          "tarn", method] + members, timeout=10)
+
+    assert result.stdout.splitlines() == output
+    assert debug_state(daemon) == debug
+    assert [row["mac"] for row in static_rows(daemon)] == macs
+
+
+# ----- tarn-bus against ubus ------------------------------------------------------------------
+
+TWIN_LINES = [
+    [], ["-h"], ["list"], ["-S", "list"], ["-v", "list"], ["-v", "list", "tarn"],
+    ["list", "nosuch"], ["list", "a", "b"],
+    ["call", "tarn", "debug_get"], ["-S", "call", "tarn", "debug_get"],
+    ["call", "tarn", "debug_set", '{"debug_switch":0} trailing'],
+    ["call", "tarn", "debug_set", '{"debug_switch":2,"debug_switch":1}'],
+    ["call", "tarn", "add_static_neighbor", '{"mac":"02:00:00:00:00:41","ip":"10.99.0.41"}'],
+    ["call", "tarn", "qv_static_neighbor",
+     '{"neighbor_list":[{"mac":"02:00:00:00:00:42","ip":null,"ip6":"fd00::42"}]}'],
+    ["call", "tarn", "show"], ["-S", "call", "tarn", "show_neighbor"],
+    ["call", "tarn", "qv_del_static_neighbor", '{"mac_list":[{"mac":"02:00:00:00:00:42"},7]}'],
+    ["call", "tarn", "del_static_neighbor", '{"mac":"02:00:00:00:00:42"}'],
+    ["call", "tarn", "nosuch"], ["-S", "call", "tarn", "nosuch"], ["call", "nosuch", "show"],
+    ["call", "tarn", "debug_set", "{"], ["-S", "call", "tarn", "debug_set", "{"],
+    ["call", "tarn"], ["call", "tarn", "show", "{}", "x"], ["nosuch"],
+    ["send", RELOAD_EVENT, '{"ModifiedConfig":["all"]}'], ["send", "x", "{"], ["send"],
+    ["-s", "/tmp/nobody", "call", "tarn", "show"], ["-S", "-s", "/tmp/nobody", "list"],
+    ["call", "tarn", "debug_get"],
+]
+# Usage lines of what tarn-bus does not have: the monitor options and the listening commands.
+UBUS_ONLY_USAGE = (" -m <type>:", "\t\t\t(can be used more than once)", " -M <r|t>",
+                   " - subscribe ", " - listen ", " - wait_for ", " - monitor")
+
+
+def twin_outcome(ap, args):
+    result = bus_run(ap, *args)
+
+    def normal(text):
+        text = re.sub(r"@[0-9a-f]{8}", "@ID", text.replace(ap.bus_command, "PROG"))
+        return "".join(line for line in text.splitlines(keepends=True)
+                       if not line.startswith(UBUS_ONLY_USAGE))
+    return result.returncode, normal(result.stdout), normal(result.stderr)
+
+
+def test_tarn_bus_answers_every_command_line_as_ubus(make_lab):
+    if set(GIVEN_BUILDS) != {"ubus", "tarn-bus"}:
+        pytest.skip("needs a ubus build in TARN_UBUS_BUILD_DIR (the real-bus stage gives one)")
+    aps = {t: lone_ap(make_lab, d) for t, d in GIVEN_BUILDS.items()}
+    for ap in aps.values():
+        ap.start_daemon(["-D"])
+        ap.wait_log(LISTENING_LOG)
+
+    differences = []
+    for args in TWIN_LINES:
+        ubus, tarn_bus = (twin_outcome(aps[t], args) for t in ("ubus", "tarn-bus"))
+        if ubus != tarn_bus:
+            differences.append(f"{args}:\n  ubus     {ubus}\n  tarn-bus {tarn_bus}")
+
+    assert differences == [], "\n".join(differences)
 
 
 # ----- the configuration-reload event ---------------------------------------------------------
