@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The whole test suite: unit tests (plain, ASan+UBSan, TSan for the concurrency tests), the
-# system tests in network namespaces (root only; skipped with a reason otherwise) and the
-# bounded fuzz runs of the protocol decoders.
+# system tests in network namespaces (root only; skipped with a reason otherwise), a hostile
+# soak of the ASan+UBSan daemon and the bounded fuzz runs of every parser of untrusted input.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 JOBS=$(nproc)
@@ -37,6 +37,11 @@ ctest --test-dir build-tsan --output-on-failure -j"$JOBS" -E _NOT_BUILT
 if [ -d tests/system ]; then
     step "system tests"
     TARN_BUILD_DIR="$PWD/build" /usr/bin/python3 -m pytest -q -rs tests/system
+fi
+
+if [ "$(id -u)" = 0 ]; then
+    step "hostile soak of the ASan+UBSan daemon"
+    /usr/bin/python3 lab/soak_hostile.py --build-dir build-asan
 fi
 
 if [ -x scripts/run-fuzz.sh ]; then
