@@ -16,17 +16,17 @@ fi
 seconds=${FUZZ_SECONDS:-15}
 build=build-fuzz
 
-# target, seed corpus, largest input: a datagram target takes what its socket delivers (the
-# nbcp parser the largest UDP payload, 65507 bytes).
+# target, seed corpus, largest input (a datagram target takes what its socket delivers, the
+# nbcp parser the largest UDP payload, 65507 bytes), and whether it needs root.
 TARGETS="
-fuzz_nbcp_parse parse 65507
-fuzz_nbcp_list_read list 65535
-fuzz_driver_event driver 65535
-fuzz_local_control local 65535
-fuzz_static_file static 16384
-fuzz_bus_request bus 16384
-fuzz_show_table show 16384
-fuzz_command_text command 256
+fuzz_nbcp_parse parse 65507 -
+fuzz_nbcp_list_read list 65535 -
+fuzz_driver_event driver 65535 -
+fuzz_local_control local 65535 root
+fuzz_static_file static 16384 root
+fuzz_bus_request bus 16384 root
+fuzz_show_table show 16384 -
+fuzz_command_text command 256 -
 "
 
 cmake -S . -B "$build" -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
@@ -35,9 +35,13 @@ cmake --build "$build" --target fuzz_targets -j 2
 
 mkdir -p fuzz/artifacts
 status=0
-echo "$TARGETS" | while read -r target corpus max_len; do
+echo "$TARGETS" | while read -r target corpus max_len needs; do
     [ -n "$target" ] || continue
     if [ $# -gt 0 ] && ! echo " $* " | grep -q " $target "; then
+        continue
+    fi
+    if [ "$needs" = root ] && [ "$(id -u)" != 0 ]; then
+        echo "run-fuzz: $target skipped (needs root for a private mount namespace)"
         continue
     fi
     # New inputs go to a scratch corpus; the checked-in seeds stay as they are.
