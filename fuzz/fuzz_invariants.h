@@ -41,7 +41,9 @@ inline void quiet_stdout() {
 }
 
 // Gives the process its own empty /tmp and /var/config (tmpfs in a private mount namespace), so
-// that files and sockets at the daemon's fixed paths are the target's alone. Needs root.
+// that files and sockets at the daemon's fixed paths are the target's alone. Needs root. The
+// real /tmp is hidden from then on, corpus and artifact folders there included: keep them
+// elsewhere (run-fuzz.sh keeps them in build-fuzz/ and fuzz/artifacts/).
 inline void private_daemon_dirs() {
     if (unshare(CLONE_NEWNS) != 0 ||
         mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
