@@ -38,14 +38,14 @@ def probe_answered(lab, prober, target, timeout=5.0):
 
 # Runs inside the AP: binds a socket at argv[1] that never reads and sends up to REQUESTS
 # requests of operation argv[2]; operation 1 is answered at the requester's own path, the others
-# at their fixed paths. A send that waits 1 s (the daemon has stopped reading) ends the burst.
+# at their fixed paths. A send that waits 3 s (the daemon has stopped reading) ends the burst.
 STUCK_READER = """
 import socket, struct, sys, time
 path, op, count = sys.argv[1], int(sys.argv[2]), int(sys.argv[3])
 reader = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
 reader.bind(path)
 sender = reader if op == 1 else socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-sender.settimeout(1.0)
+sender.settimeout(3.0)
 sent = 0
 try:
     for sent in range(1, count + 1):
