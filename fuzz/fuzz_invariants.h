@@ -1,9 +1,18 @@
-// Checks shared by the fuzz targets; a broken invariant aborts, which libFuzzer reports.
+// The small harness shared by the fuzz targets: invariant checks (a broken one aborts, which
+// libFuzzer reports), inputs copied into heap blocks of their exact size, and a private
+// file system for targets whose parsers read or write the daemon's fixed paths.
 #pragma once
 
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <string>
 
 #include "proto/nbcp.h"
 
@@ -14,6 +23,57 @@
             std::abort();                                                                 \
         }                                                                                 \
     } while (0)
+
+// The input in a heap block of exactly its size: any read past it is an ASan report.
+inline std::unique_ptr<uint8_t[]> exact_copy(const uint8_t *data, size_t size) {
+    std::unique_ptr<uint8_t[]> copy(new uint8_t[size == 0 ? 1 : size]);
+    if (size != 0) {
+        std::memcpy(copy.get(), data, size);
+    }
+    return copy;
+}
+
+// Parsers report on standard output (the codec's type line); keep it out of the fuzzer's log.
+inline void quiet_stdout() {
+    if (std::freopen("/dev/null", "w", stdout) == nullptr) {
+        std::perror("freopen");
+    }
+}
+
+// Gives the process its own empty /tmp and /var/config (tmpfs in a private mount namespace), so
+// that files and sockets at the daemon's fixed paths are the target's alone. Needs root. The
+// real /tmp is hidden from then on, corpus and artifact folders there included: keep them
+// elsewhere (run-fuzz.sh keeps them in build-fuzz/ and fuzz/artifacts/).
+inline void private_daemon_dirs() {
+    if (unshare(CLONE_NEWNS) != 0 ||
+        mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+        std::perror("fuzz: private mount namespace (run as root)");
+        std::exit(1);
+    }
+    mkdir("/var/config", 0755);
+    for (const char *dir : {"/tmp", "/var/config"}) {
+        if (mount("tmpfs", dir, "tmpfs", 0, "mode=1777") != 0) {
+            std::perror(dir);
+            std::exit(1);
+        }
+    }
+    mkdir("/tmp/socket", 0755);
+}
+
+// Puts a platform command that prints output first on PATH (under the private /tmp).
+inline void standin_command(const char *name, const char *output) {
+    mkdir("/tmp/bin", 0755);
+    std::string path = std::string("/tmp/bin/") + name;
+    FILE *script = std::fopen(path.c_str(), "w");
+    if (script == nullptr) {
+        std::perror(path.c_str());
+        std::exit(1);
+    }
+    std::fprintf(script, "#!/bin/sh\necho '%s'\n", output);
+    std::fclose(script);
+    chmod(path.c_str(), 0755);
+    setenv("PATH", "/tmp/bin:/usr/bin:/bin", 1);
+}
 
 template <size_t N>
 bool terminated(const char (&field)[N]) {

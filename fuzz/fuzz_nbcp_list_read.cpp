@@ -46,10 +46,7 @@ void read_with_capacity(const uint8_t *reply, size_t size, size_t capacity) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    std::unique_ptr<uint8_t[]> reply(new uint8_t[size]);
-    if (size != 0) {
-        std::memcpy(reply.get(), data, size);
-    }
+    std::unique_ptr<uint8_t[]> reply = exact_copy(data, size);
     read_with_capacity(reply.get(), size, NGB_HASH_SIZE);
     read_with_capacity(reply.get(), size, STATIC_NGBR_MAX);
     return 0;

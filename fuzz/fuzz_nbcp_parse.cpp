@@ -51,19 +51,12 @@ void check_ndsp_round_trip(nbcp_ndsp &rec) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    // nbcp_parse reports every type on standard output; keep it out of the fuzzer's log.
-    if (std::freopen("/dev/null", "w", stdout) == nullptr) {
-        std::perror("freopen");
-    }
+    quiet_stdout();
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    // A heap block of exactly the datagram's size: any read past it is an ASan report.
-    std::unique_ptr<uint8_t[]> datagram(new uint8_t[size]);
-    if (size != 0) {
-        std::memcpy(datagram.get(), data, size);
-    }
+    std::unique_ptr<uint8_t[]> datagram = exact_copy(data, size);
     nbcp_msg &msg = decode_area();
     nbcp_msg_reset(&msg, datagram.get(), size);
     int known = nbcp_parse(datagram.get(), size, &msg);

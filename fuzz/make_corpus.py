@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
-"""Writes the seed corpora of the nbcp fuzz targets: known-good datagrams and lists, plus a few
-edge cases. Run from anywhere; the files land in fuzz/corpus/parse and fuzz/corpus/list."""
+"""Writes the seed corpora of the fuzz targets: known-good inputs of every parser, plus a few
+edge cases. Run from anywhere; the files land in fuzz/corpus/<target>."""
+import json
 import os
 import struct
 
@@ -116,6 +117,83 @@ LIST = {
 }
 
 
+def driver_event(op, payload):
+    return struct.pack("=IHHII", 16 + len(payload), 0, 0, 0, 100) + bytes([op]) + payload
+
+
+def heard(mac, radio=0, rssi=40):
+    return bytes(3) + bytes([10, 99, 0, 20]) + IP6 + mac + bytes([radio, 6, rssi, 20])
+
+
+def cache_entry(mac):
+    return (bytes(32) + mac + bytes(2) + bytes([10, 99, 0, 21]) + IP6 +
+            bytes([0, 6, 20, 40, 20] * 4) + struct.pack("=I", 7) + bytes(4))
+
+
+DRIVER = {
+    "heard": driver_event(1, heard(MAC)),
+    "heard_radio_9": driver_event(1, heard(MAC, radio=9)),
+    "config_ok": driver_event(2, b""),
+    "cache_two": driver_event(3, bytes(31) + bytes([2, 0, 0, 0]) + cache_entry(MAC) +
+                              cache_entry(bytes([2, 0, 0, 0, 0, 1]))),
+    "cache_count_above_sent": driver_event(3, bytes(31) + bytes([9, 0, 0, 0]) + cache_entry(MAC)),
+    "dropped": driver_event(6, bytes(23) + MAC),
+}
+
+
+def local(op, value=0, payload=b""):
+    return struct.pack("=BxxxHxx", value, op) + payload
+
+
+LOCAL = {"op%d" % op: local(op) for op in (1, 2, 3, 5, 6, 8)}
+LOCAL.update({"set_rssi": local(4, 44), "set_count": local(12, 32),
+              "probe_ip": local(10, payload=struct.pack("=I", 0x0A63000B)), "short": b"\x00\x00"})
+
+
+def static_file(entries):
+    return json.dumps({"static_neighbor": entries}).encode()
+
+
+NODE = {"mac": "00:11:22:33:44:55", "ip": "10.0.0.5", "ip6": "fd00::5"}
+STATIC = {
+    "two": static_file([NODE, {"mac": "02:00:00:00:00:51", "ip": "10.99.0.51"}]),
+    "nine": static_file([{"mac": "02:00:00:00:00:%02x" % i} for i in range(9)]),
+    "malformed_texts": static_file([{"mac": "1ff::zz:1", "ip": "x" * 16, "ip6": "nope"}]),
+    "not_an_array": b'{"static_neighbor": {"mac": "00:11:22:33:44:55"}}',
+}
+
+
+def frame(payload):
+    return struct.pack(">I", len(payload)) + payload
+
+
+def call(method, args):
+    return b"\x07" + frame(b"call\0tarn\0" + method.encode() + b"\0" + json.dumps(args).encode())
+
+
+BUS = {
+    "qv": call("qv_static_neighbor", {"neighbor_list": [NODE, {"mac": "02:00:00:00:00:51"}]}),
+    "add": call("add_static_neighbor", NODE),
+    "del": call("del_static_neighbor", {"mac": NODE["mac"]}),
+    "qv_del": call("qv_del_static_neighbor", {"mac_list": [{"mac": NODE["mac"]}]}),
+    "debug_set": call("debug_set", {"debug_switch": 0}),
+    "debug_get": call("debug_get", {}),
+    "reload": b"\x01" + frame(b"send\0userconfig.reload\0" +
+                              json.dumps({"ModifiedConfig": ["static_neighbor.conf"]}).encode()),
+    "too_large": b"\x02" + struct.pack(">I", 1 << 20),
+}
+
+SHOW = {
+    "ubus": b"mac  ip  ip6  qv_ip  cluster_id  state  name  version\n"
+            b"02:7a:00:00:00:02  10.99.0.12  fd00:99::12  10.99.0.250  1  0  lab-ap2  1.0.0\n",
+    "neighbor": b"mac ip qv_ip tenantId state name version radiocnt radioid channel rssi txpower "
+                b"radioid channel rssi txpower\n02:7a:00:00:00:02 10.99.0.12 0.0.0.0 t 0 n v 2 "
+                b"0 6 40 20 1 36 40 20\n",
+}
+
+COMMAND = {"pvc_mac": b"00-11-22-33-44-55", "padded": b"  STANDALONE \t", "wide": b"1ff-2-x"}
+
+
 def write(directory, corpus):
     path = os.path.join(HERE, "corpus", directory)
     os.makedirs(path, exist_ok=True)
@@ -127,3 +205,9 @@ def write(directory, corpus):
 if __name__ == "__main__":
     write("parse", PARSE)
     write("list", LIST)
+    write("driver", DRIVER)
+    write("local", LOCAL)
+    write("static", STATIC)
+    write("bus", BUS)
+    write("show", SHOW)
+    write("command", COMMAND)

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The whole test suite: unit tests (plain, ASan+UBSan, TSan for the concurrency tests), the
 # system tests in network namespaces (root only; skipped with a reason otherwise), the real-bus
-# stage (scripts/test-ubus.sh) and the bounded fuzz runs of the protocol decoders.
+# stage (scripts/test-ubus.sh), a hostile soak of the ASan+UBSan daemon and the bounded fuzz
+# runs of every parser of untrusted input.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 JOBS=$(nproc)
@@ -41,6 +42,11 @@ fi
 
 step "real-bus stage: ubusd, the ubus command and tarn built against the platform's bus"
 scripts/test-ubus.sh
+
+if [ "$(id -u)" = 0 ]; then
+    step "hostile soak of the ASan+UBSan daemon"
+    /usr/bin/python3 lab/soak_hostile.py --build-dir build-asan
+fi
 
 if [ -x scripts/run-fuzz.sh ]; then
     step "fuzzing"

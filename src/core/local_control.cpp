@@ -54,7 +54,7 @@ void answer_rssi() {
     memset(&answer, 0, sizeof answer);
     answer.value = rssi_min;
     answer.op = TARN_MSG_GET_RSSI;
-    send_local(&answer, sizeof answer, TARN_CLIENT_PATH);
+    send_local_nowait(&answer, sizeof answer, TARN_CLIENT_PATH);
 }
 
 void set_rssi(uint8_t value) {

@@ -40,7 +40,7 @@ void send_list(neighbor_list_writer &list, const char *path, const char *caller)
         TARN_WARN("%s: list full, %zu entries left out\n", caller, list.refused());
     }
     const std::vector<uint8_t> &datagram = list.finish();
-    send_local(datagram.data(), datagram.size(), path);
+    send_local_nowait(datagram.data(), datagram.size(), path);
 }
 
 void add_static_neighbors(neighbor_list_writer &list, const ap_info *array, int count) {

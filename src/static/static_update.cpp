@@ -23,7 +23,7 @@ void get_cluster_list(const ap_info &node) {
     TARN_DBG("%s: mac:%x:%x:%x:%x:%x:%x\n", "get_cluster_list", mac[0], mac[1], mac[2], mac[3],
              mac[4], mac[5]);
     cluster_query query = cluster_query_build(node);
-    send_local(query.data(), query.size(), STATIC_NEIGHBOR_DUMP_PATH);
+    send_local_nowait(query.data(), query.size(), STATIC_NEIGHBOR_DUMP_PATH);
 }
 
 void update_static_neighbor() {

@@ -7,8 +7,10 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <vector>
 
 #include "ubus/bus_status.h"
 #include "ubus/bus_wire.h"
@@ -136,51 +138,143 @@ int bus_dispatch(const bus_service &service, std::string_view payload, std::stri
     return dispatch_send(service, request);
 }
 
-void bus_serve_connection(int fd, const bus_service &service) {
-    std::string payload;
-    int read =
-        wire_read_frame(fd, BUS_REQUEST_MAX, payload, wire_now_ms() + BUS_SERVER_IO_TIMEOUT_MS);
-    int status = BUS_STATUS_INVALID_ARGUMENT;
+namespace {
+
+// One client: its request as it arrives, then its reply as the socket takes it.
+struct bus_connection {
+    bus_connection(int socket, int64_t deadline) : fd(socket), deadline_ms(deadline) {}
+
+    int fd;
+    int64_t deadline_ms;
+    frame_collector request{BUS_REQUEST_MAX};
+    std::string reply;  // the whole reply frame once the request is handled
+    size_t sent = 0;
+};
+
+enum class step { keep, done };
+
+void handle_request(bus_connection &c, const bus_service &service) {
+    int status = BUS_STATUS_INVALID_ARGUMENT;  // a refused (too large) frame
     std::string reply_json;
-    if (read == WIRE_OK) {
-        status = bus_dispatch(service, payload, reply_json);
-    } else if (read != WIRE_TOO_LARGE) {
-        return;  // nobody to answer, or a client too slow to be waited for
+    if (c.request.status() == frame_collector::COMPLETE) {
+        status = bus_dispatch(service, c.request.payload(), reply_json);
     }
-    wire_write_frame(fd, encode_reply(status, reply_json),
-                     wire_now_ms() + BUS_SERVER_IO_TIMEOUT_MS);
+    c.reply = wire_frame(encode_reply(status, reply_json));
+    c.deadline_ms = wire_now_ms() + BUS_SERVER_IO_TIMEOUT_MS;
 }
 
+step write_some(bus_connection &c) {
+    while (c.sent < c.reply.size()) {
+        ssize_t n = send(c.fd, c.reply.data() + c.sent, c.reply.size() - c.sent,
+                         MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (n > 0) {
+            c.sent += static_cast<size_t>(n);
+        } else if (n < 0 && errno == EINTR) {
+            continue;
+        } else {
+            return n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK) ? step::keep : step::done;
+        }
+    }
+    return step::done;  // one request per connection: the reply ends it
+}
+
+step read_some(bus_connection &c, const bus_service &service) {
+    char chunk[4096];
+    ssize_t n = recv(c.fd, chunk, sizeof chunk, MSG_DONTWAIT);
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) {
+        return step::keep;
+    }
+    if (n <= 0) {
+        return step::done;  // closed before its request was whole: nobody to answer
+    }
+    c.request.feed(std::string_view(chunk, static_cast<size_t>(n)));
+    if (c.request.status() == frame_collector::COLLECTING) {
+        return step::keep;
+    }
+    handle_request(c, service);
+    return write_some(c);
+}
+
+// Serves whatever a connection's socket is ready for; done when it is to be closed.
+step serve(bus_connection &c, short revents, const bus_service &service) {
+    if (!c.reply.empty()) {
+        return (revents & (POLLOUT | POLLERR | POLLHUP)) != 0 ? write_some(c) : step::keep;
+    }
+    return (revents & (POLLIN | POLLERR | POLLHUP)) != 0 ? read_some(c, service) : step::keep;
+}
+
+// Milliseconds until the earliest deadline, or -1 (wait without limit) when nothing is open.
+int poll_timeout(const std::vector<bus_connection> &open) {
+    if (open.empty()) {
+        return -1;
+    }
+    int64_t earliest = open.front().deadline_ms;
+    for (const bus_connection &c : open) {
+        earliest = std::min(earliest, c.deadline_ms);
+    }
+    return static_cast<int>(std::clamp<int64_t>(earliest - wire_now_ms(), 0, INT32_MAX));
+}
+
+void accept_one(int listen_fd, int stop_fd, std::vector<bus_connection> &open) {
+    int fd = accept4(listen_fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    if (fd >= 0) {
+        open.emplace_back(fd, wire_now_ms() + BUS_SERVER_IO_TIMEOUT_MS);
+    } else if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+        // The pending client stays queued; pause instead of spinning on it.
+        pollfd stop{stop_fd, POLLIN, 0};
+        poll(&stop, 1, BUS_ACCEPT_RETRY_MS);
+    }
+}
+
+void close_all(std::vector<bus_connection> &open) {
+    for (bus_connection &c : open) {
+        close(c.fd);
+    }
+    open.clear();
+}
+
+}  // namespace
+
 int bus_server_run(int listen_fd, int stop_fd, const bus_service &service) {
-    pollfd watched[2] = {{listen_fd, POLLIN, 0}, {stop_fd, POLLIN, 0}};
+    std::vector<bus_connection> open;
+    std::vector<pollfd> watched;
     for (;;) {
-        int ready = poll(watched, 2, -1);
-        if (ready < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
+        // While the table is full the listening socket is not watched: new clients wait in
+        // its backlog until a slot frees, at the latest when a deadline passes.
+        short accepting = open.size() < BUS_SERVER_MAX_CONNECTIONS ? POLLIN : 0;
+        watched.assign({{stop_fd, POLLIN, 0}, {listen_fd, accepting, 0}});
+        for (const bus_connection &c : open) {
+            watched.push_back({c.fd, static_cast<short>(c.reply.empty() ? POLLIN : POLLOUT), 0});
+        }
+        int ready = poll(watched.data(), watched.size(), poll_timeout(open));
+        if (ready < 0 && errno != EINTR) {
             TARN_ERR("%s: poll failed: %s\n", "bus_server_run", strerror(errno));
+            close_all(open);
             return -1;
         }
-        if (watched[1].revents != 0) {
+        if (ready > 0 && watched[0].revents != 0) {
+            close_all(open);
             return 0;
         }
-        if ((watched[0].revents & (POLLERR | POLLNVAL)) != 0) {
+        if ((watched[1].revents & (POLLERR | POLLNVAL)) != 0) {
             TARN_ERR("%s: listening socket failed\n", "bus_server_run");
+            close_all(open);
             return -1;
         }
-        if ((watched[0].revents & POLLIN) == 0) {
-            continue;
-        }
-        int connection = accept4(listen_fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-        if (connection < 0) {
-            if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
-                // The pending client stays queued; pause instead of spinning on it.
-                poll(&watched[1], 1, BUS_ACCEPT_RETRY_MS);
+        int64_t now = wire_now_ms();
+        size_t kept = 0;
+        for (size_t i = 0; i < open.size(); ++i) {
+            bus_connection &c = open[i];
+            short revents = ready > 0 ? watched[i + 2].revents : 0;
+            if (serve(c, revents, service) == step::done || now >= c.deadline_ms) {
+                close(c.fd);  // done, or too slow to be waited for any longer
+            } else {
+                open[kept++] = std::move(c);
             }
-            continue;
         }
-        bus_serve_connection(connection, service);
-        close(connection);
+        open.erase(open.begin() + static_cast<std::ptrdiff_t>(kept), open.end());
+        if ((watched[1].revents & POLLIN) != 0) {
+            accept_one(listen_fd, stop_fd, open);
+        }
     }
 }

@@ -1,6 +1,7 @@
 // The embedded bus: serves one object and its event listeners on a local stream socket, for
-// systems without the platform's ubus (development machines, the lab's virtual APs). Requests
-// are handled one at a time on the thread that runs bus_server_run.
+// systems without the platform's ubus (development machines, the lab's virtual APs). The thread
+// that runs bus_server_run serves its connections side by side; their handlers run on it one
+// at a time, each as soon as its request is whole.
 #pragma once
 
 #include <cstddef>
@@ -13,9 +14,11 @@
 // one host never share a bus socket.
 constexpr const char *TARN_BUS_SOCKET_PATH = "/tmp/socket/tarn_bus";
 
-// How long one connection may take to deliver its request and to take its reply. Handlers run
-// on the serving thread, so a stalled client must not hold it for long.
+// How long one connection may take to deliver its request and to take its reply; a slower one
+// is closed. It holds a slot meanwhile, never the server.
 constexpr int BUS_SERVER_IO_TIMEOUT_MS = 1000;
+// Connections served at once; more wait in the listening backlog.
+constexpr size_t BUS_SERVER_MAX_CONNECTIONS = 64;
 
 struct bus_event_listener {
     const char *type;  // exact event name
@@ -38,9 +41,6 @@ int bus_server_open(const char *path);
 // when the method produced one.
 int bus_dispatch(const bus_service &service, std::string_view payload, std::string &reply_json);
 
-// Reads one request from a connected socket, handles it and writes the reply.
-void bus_serve_connection(int fd, const bus_service &service);
-
-// Serves connections on listen_fd until stop_fd becomes readable (it is not read). Returns 0
-// then, or -1 when waiting fails.
+// Serves connections on listen_fd until stop_fd becomes readable (it is not read), then closes
+// every open connection at once. Returns 0 then, or -1 when waiting fails.
 int bus_server_run(int listen_fd, int stop_fd, const bus_service &service);

@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -107,14 +108,18 @@ bool take_field(std::string_view &rest, std::string &field) {
 
 }  // namespace
 
+std::string wire_frame(std::string_view payload) {
+    std::string frame;
+    frame.reserve(4 + payload.size());
+    put_u32(frame, static_cast<uint32_t>(payload.size()));
+    return frame.append(payload);
+}
+
 int wire_write_frame(int fd, std::string_view payload, int64_t deadline_ms) {
     if (payload.size() > UINT32_MAX) {
         return WIRE_TOO_LARGE;
     }
-    std::string frame;
-    frame.reserve(4 + payload.size());
-    put_u32(frame, static_cast<uint32_t>(payload.size()));
-    frame.append(payload);
+    std::string frame = wire_frame(payload);
     return write_all(fd, frame.data(), frame.size(), deadline_ms);
 }
 
@@ -130,6 +135,32 @@ int wire_read_frame(int fd, size_t max, std::string &payload, int64_t deadline_m
     }
     payload.assign(length, '\0');
     return read_all(fd, payload.data(), length, deadline_ms);
+}
+
+size_t frame_collector::feed(std::string_view bytes) {
+    size_t taken = 0;
+    if (state_ == COLLECTING && header_.size() < 4) {
+        taken = std::min(bytes.size(), 4 - header_.size());
+        header_.append(bytes.substr(0, taken));
+        if (header_.size() < 4) {
+            return taken;
+        }
+        length_ = get_u32(header_.data());
+        if (length_ > max_) {
+            state_ = TOO_LARGE;
+            return taken;
+        }
+        payload_.reserve(length_);
+    }
+    if (state_ == COLLECTING) {
+        size_t more = std::min(bytes.size() - taken, length_ - payload_.size());
+        payload_.append(bytes.substr(taken, more));
+        taken += more;
+        if (payload_.size() == length_) {
+            state_ = COMPLETE;
+        }
+    }
+    return taken;
 }
 
 std::string encode_call(std::string_view object, std::string_view method, std::string_view json) {

@@ -31,11 +31,36 @@ enum wire_result : int {
 // Milliseconds on the monotonic clock.
 int64_t wire_now_ms();
 
+// The frame of a payload of at most UINT32_MAX bytes: its length, then the payload.
+std::string wire_frame(std::string_view payload);
+
 // Writes one frame to a non-blocking socket before deadline_ms (monotonic).
 int wire_write_frame(int fd, std::string_view payload, int64_t deadline_ms);
 
 // Reads one frame of at most max bytes from a non-blocking socket before deadline_ms.
 int wire_read_frame(int fd, size_t max, std::string &payload, int64_t deadline_ms);
+
+// Collects one frame from a connection's bytes as they arrive, in pieces of any size; the
+// server keeps one per connection, so no connection waits for another's bytes.
+class frame_collector {
+  public:
+    enum state : int { COLLECTING = 1, COMPLETE = WIRE_OK, TOO_LARGE = WIRE_TOO_LARGE };
+
+    explicit frame_collector(size_t max) : max_(max) {}
+    // Takes bytes up to the end of the frame; returns how many were taken (bytes after a
+    // complete or refused frame are left).
+    size_t feed(std::string_view bytes);
+    state status() const { return state_; }
+    // The frame's payload, once status() is COMPLETE.
+    const std::string &payload() const { return payload_; }
+
+  private:
+    size_t max_;
+    state state_ = COLLECTING;
+    std::string header_;
+    std::string payload_;
+    size_t length_ = 0;
+};
 
 struct bus_request {
     std::string kind;  // "call", "send" or "list"

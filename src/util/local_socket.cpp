@@ -65,17 +65,29 @@ int InitSocket(int *fd, const char *path) {
     return 1;
 }
 
-void send_local(const void *msg, size_t len, const char *path) {
+namespace {
+
+void send_local_with(const void *msg, size_t len, const char *path, int flags) {
     int sock = socket(AF_UNIX, SOCK_DGRAM, 0);
     if (sock < 0) {
         TARN_ERR("%s: Create local socket failed\n", "send_local");
         return;
     }
     sockaddr_un addr = local_addr(path);
-    if (sendto(sock, msg, len, 0, reinterpret_cast<sockaddr *>(&addr), sizeof addr) < 0) {
+    if (sendto(sock, msg, len, flags, reinterpret_cast<sockaddr *>(&addr), sizeof addr) < 0) {
         TARN_DBG("send packet failed,errno:%d\n", errno);
     }
     close(sock);
+}
+
+}  // namespace
+
+void send_local(const void *msg, size_t len, const char *path) {
+    send_local_with(msg, len, path, 0);
+}
+
+void send_local_nowait(const void *msg, size_t len, const char *path) {
+    send_local_with(msg, len, path, MSG_DONTWAIT);
 }
 
 ssize_t RecvMsg(int fd, void *buf, size_t size, void *from, socklen_t *fromlen, int kind) {

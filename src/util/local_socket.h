@@ -21,8 +21,14 @@ socklen_t recv_addr_len(int kind);
 // Stores the descriptor through fd as soon as it exists. Returns 1 on success, 0 on failure.
 int InitSocket(int *fd, const char *path);
 
-// Sends one datagram of len bytes to path from a fresh unbound socket.
+// Sends one datagram of len bytes to path from a fresh unbound socket; waits while the
+// receiver's queue is full. For clients, whose one request must reach the daemon.
 void send_local(const void *msg, size_t len, const char *path);
+
+// As send_local, but never waits: a receiver whose queue is full loses the datagram (the failed
+// send is logged). The daemon sends with this, so no local process that stops reading can
+// stall the thread that answers it.
+void send_local_nowait(const void *msg, size_t len, const char *path);
 
 // Receives one datagram; returns recvfrom's result, or 0 when a pointer argument is null.
 ssize_t RecvMsg(int fd, void *buf, size_t size, void *from, socklen_t *fromlen, int kind);
