@@ -626,34 +626,6 @@ TEST(StaticUpdate, ProbesEveryNodeNewestFirstWithMode3) {
     EXPECT_EQ(seen, "v4 127.0.0.3 m3, v4 127.0.0.2 m3, v4 127.0.0.1 m3 | 444 logged");
 }
 
-struct family_case {
-    const char *name;
-    const char *ip;
-    const char *ip6;
-    const char *seen;
-};
-
-class StaticUpdateFamily : public testing::TestWithParam<family_case> {};
-
-TEST_P(StaticUpdateFamily, PicksTheFamilyOrNone) {
-    SKIP_UNLESS_ROOT();
-    const family_case c = GetParam();
-    std::string seen = static_env::run([&c] {
-        probe_receivers listen;
-        push_node("00:00:00:00:00:01", c.ip, c.ip6, AP_STATE_STATIC_ACTIVE);
-        update_static_neighbor();
-        return listen.all() + " | " + states();
-    });
-    EXPECT_EQ(seen, c.seen) << c.name;
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Addresses, StaticUpdateFamily,
-    testing::Values(family_case{"reserved with ip6", "192.168.1.254", "::1", "v6 m3 | 4"},
-                    family_case{"reserved without ip6", "192.168.1.254", nullptr, "none | 4"},
-                    family_case{"no address", nullptr, nullptr, "none | 4"},
-                    family_case{"ip6 only", nullptr, "::1", "v6 m3 | 4"}));
-
 TEST(StaticUpdate, ClusterModeSendsOneQueryPerNodeAndNoProbe) {
     SKIP_UNLESS_ROOT();
     std::string seen = static_env::run([] {
