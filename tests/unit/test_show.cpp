@@ -139,25 +139,6 @@ TEST(NeighborDump, CollectCopiesAtMostEight) {
     EXPECT_EQ(array[STATIC_NGBR_MAX].state, 77);
 }
 
-TEST(NeighborDump, StaticListAnswerHoldsOnlyTheStaticNeighbors) {
-    SKIP_UNLESS_ROOT();
-    std::string seen = static_env::run([] {
-        neighbor_table_init();
-        add_to_table(full_record(1));
-        add_static(full_record(8));
-        int client = static_env::bind_local(TARN_CLIENT_PATH);
-        static_aps_send(TARN_CLIENT_PATH, TARN_MSG_DUMP_STATIC);
-        bytes data = receive(client);
-        uint16_t op = 0;
-        memcpy(&op, data.data() + 4, sizeof op);
-        std::vector<ap_info> got = decode(data);
-        return "op " + std::to_string(op) + " n " + std::to_string(got.size()) + " mac " +
-               std::to_string(got.empty() ? -1 : got[0].mac[5]) + " radiocnt " +
-               std::to_string(got.empty() ? -1 : got[0].radiocnt);
-    });
-    EXPECT_EQ(seen, "op 51 n 1 mac 8 radiocnt 0");
-}
-
 TEST(NeighborListWriter, AFullTableAndEightStaticNeighborsFit) {
     neighbor_list_writer list(TARN_MSG_DUMP_NGBR);
     for (int i = 0; i < 64 + STATIC_NGBR_MAX; ++i) {
