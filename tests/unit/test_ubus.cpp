@@ -238,6 +238,12 @@ TEST(ReadShowLines, HeaderOnlyGivesNoDataLine) {
     EXPECT_EQ(text_of(show_table_reply(table.get())), R"({"result":[]})");
 }
 
+TEST(ReadShowLines, NothingPrintedGivesNoLine) {
+    table_ptr table = table_from("");
+    EXPECT_EQ(table->line_cnt, 0);
+    EXPECT_EQ(text_of(show_table_reply(table.get())), R"({"result":[]})");
+}
+
 TEST(ReadShowLines, KeepsTheFirst127DataLines) {
     std::string text = "n\n";
     for (int i = 1; i <= 130; ++i) {
