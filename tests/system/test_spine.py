@@ -1,5 +1,6 @@
 """The daemon's start-up, sockets, receive order, command line and shutdown, each run in a
-fresh AP namespace (fixture `node`)."""
+fresh AP namespace (fixture `node`). The command line's grammar, case by case, is tested with
+the parser; here each route through the real program runs once."""
 
 import json
 import os
@@ -93,9 +94,7 @@ def test_driver_socket_is_served_before_the_local_socket(node):
 
 # ----- command line: usage and option values --------------------------------------------------
 
-@pytest.mark.parametrize("args", [["-h"], ["-x"], ["-V"], ["-n"], ["-R"], ["-D", "-h"]],
-                         ids=["help", "unknown", "V-without-value", "n-without-value",
-                              "R-without-value", "debug-then-help"])
+@pytest.mark.parametrize("args", [["-h"], ["-D", "-x"]], ids=["help", "debug-then-unknown"])
 def test_usage_text_is_printed_with_the_program_path(node, args):
     result = node.exec([node.lab.tarn_binary] + args, timeout=SHORT)
 
@@ -114,15 +113,9 @@ def test_usage_names_the_path_the_program_was_started_as(node):
 
 
 @pytest.mark.parametrize("args, message", [
-    (["-V", "0"], None),
-    (["-D", "-V", "0"], "invalid arg -V, please input a number in 1-255!"),
     (["-V", "0", "-D"], None),
-    (["-V", "256"], None),
     (["-D", "-V", "512"], "invalid arg -V, please input a number in 1-255!"),
-    (["-D", "-n", "15"], "invalid arg -n,allowed max dynamic neighbor is 16-64"),
     (["-D", "-n", "65"], "invalid arg -n,allowed max dynamic neighbor is 16-64"),
-    (["-n", "65", "-D"], None),
-    (["-D", "-n", "0"], "invalid arg -n,allowed max dynamic neighbor is 16-64"),
 ])
 def test_invalid_option_value_exits_0_without_starting(node, args, message):
     result = node.exec([node.lab.tarn_binary] + args, timeout=SHORT,
@@ -139,44 +132,13 @@ def test_invalid_option_value_exits_0_without_starting(node, args, message):
         assert message in result.stderr
 
 
-@pytest.mark.parametrize("args", [["-D", "-V", "257"], ["-D", "-V", "255"], ["-D", "-n", "16"],
-                                  ["-D", "-n", "64"], ["-D", "-n", "272"],
-                                  ["-D", "-R", "0"]])
-def test_valid_option_values_start_the_daemon(node, args):
-    start(node, *args)
-    node.wait_log("init ok!")
-    assert node.daemon_running()
-
-
-def test_a_stray_first_word_starts_the_daemon_with_defaults(node):
-    # Option parsing ends at the first word that is not an option, so -D is not seen and
-    # nothing is logged.
-    node.start_daemon(["stray", "-D"])
-    assert (drvproto.NETLINK_USERSOCK, drvproto.DAEMON_PORT) in netlink_sockets(node)
-    assert node.daemon_running()
-    # Start-up logs long before the local socket exists, which start_daemon waited for.
-    assert node.log_since() == ""
-
-
 # ----- command line: client sub-commands that stop before sending -----------------------------
 
 @pytest.mark.parametrize("args, output", [
-    (["set", "rssi", "0"], RSSI_RANGE_MESSAGE),
     (["set", "rssi", "201"], RSSI_RANGE_MESSAGE),
-    (["set", "rssi", "256"], RSSI_RANGE_MESSAGE),
-    (["set", "count"], COUNT_RANGE_MESSAGE),
     (["set", "count", "15"], COUNT_RANGE_MESSAGE),
-    (["set", "count", "65"], COUNT_RANGE_MESSAGE),
-    (["set", "count", "321"], COUNT_RANGE_MESSAGE),
-    (["set", "V"], VERSION_RANGE_MESSAGE),
     (["set", "V", "0"], VERSION_RANGE_MESSAGE),
-    (["set", "V", "256"], VERSION_RANGE_MESSAGE),
-    (["set", "foo"], ""),
-    (["set"], ""),
     (["get", "foo"], ""),
-    (["get"], ""),
-    (["static", "foo"], ""),
-    (["static"], ""),
 ])
 def test_rejected_client_command_prints_and_sends_nothing(node, args, output):
     with local_listener(node, TARN_SOCKET) as daemon_side:
@@ -192,9 +154,7 @@ def test_rejected_client_command_prints_and_sends_nothing(node, args, output):
 
 @pytest.mark.parametrize("args, op, value, reply_path_removed", [
     (["set", "rssi", "300"], 4, 44, True),
-    (["set", "rssi", "200"], 4, 200, True),
     (["set", "count", "32"], 12, 32, True),
-    (["set", "count", "272"], 12, 16, True),
     (["set", "V", "7"], 11, 7, True),
     (["static", "update"], 9, 0, False),
 ])

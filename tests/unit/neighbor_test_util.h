@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 #include <linux/netlink.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -21,6 +20,7 @@
 #include "core/settings.h"
 #include "neighbor/ap_info.h"
 #include "neighbor/neighbor_table.h"
+#include "probe_capture.h"
 
 namespace ntest {
 
@@ -243,60 +243,24 @@ inline void add_entry(const mac_addr &m, uint32_t ip, uint32_t timestamp = 0) {
     neighbor_ap_add(m, entry);
 }
 
-// Receives nbcp probes sent to port 32766 on any IPv4 address of this network namespace.
+// Receives the nbcp probes sent to any IPv4 address of this network namespace.
 class probe_listener {
   public:
-    probe_listener() {
-        fd_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        int on = 1;
-        setsockopt(fd_, IPPROTO_IP, IP_PKTINFO, &on, sizeof on);
-        sockaddr_in addr{};
-        addr.sin_family = AF_INET;
-        addr.sin_port = htons(NBCP_PORT);
-        bind(fd_, reinterpret_cast<sockaddr *>(&addr), sizeof addr);
-    }
-    ~probe_listener() { close(fd_); }
-    probe_listener(const probe_listener &) = delete;
-    probe_listener &operator=(const probe_listener &) = delete;
-
     // "<destination> type <t> mode <m>" for each datagram that arrives within wait_ms of the
-    // previous one, joined by "; ".
+    // previous one, joined by "; " (byte 3 is the type, byte 19 the mode of a probe).
     std::string drain(int wait_ms = 200) {
         std::string out;
-        for (;;) {
-            pollfd p{fd_, POLLIN, 0};
-            if (poll(&p, 1, wait_ms) <= 0) {
-                return out;
+        while (auto got = capture_.next(wait_ms)) {
+            if (got->v4 && got->bytes.size() > 19) {
+                out += (out.empty() ? "" : "; ") + got->dest + " type " +
+                       std::to_string(got->bytes[3]) + " mode " + std::to_string(got->bytes[19]);
             }
-            uint8_t data[512] = {};
-            char control[128];
-            iovec iov{data, sizeof data};
-            msghdr msg{};
-            msg.msg_iov = &iov;
-            msg.msg_iovlen = 1;
-            msg.msg_control = control;
-            msg.msg_controllen = sizeof control;
-            if (recvmsg(fd_, &msg, 0) < 0) {
-                return out;
-            }
-            std::string dest = "?";
-            for (cmsghdr *c = CMSG_FIRSTHDR(&msg); c != nullptr; c = CMSG_NXTHDR(&msg, c)) {
-                if (c->cmsg_level == IPPROTO_IP && c->cmsg_type == IP_PKTINFO) {
-                    in_pktinfo info;
-                    memcpy(&info, CMSG_DATA(c), sizeof info);
-                    dest = inet_ntoa(info.ipi_addr);
-                }
-            }
-            if (!out.empty()) {
-                out += "; ";
-            }
-            // Byte 3 is the type; byte 19 is the mode of a probe.
-            out += dest + " type " + std::to_string(data[3]) + " mode " + std::to_string(data[19]);
         }
+        return out;
     }
 
   private:
-    int fd_ = -1;
+    probe_capture capture_;
 };
 
 // Opens the IPv4 probe socket as start-up does (the caller closes it).

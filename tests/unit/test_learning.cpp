@@ -87,10 +87,6 @@ TEST_F(Ageing, SilentNeighborGoesOfflineOnTheSeventhRun) {
     EXPECT_EQ(table_count(), 1u) << "ageing never removes an entry";
 }
 
-TEST_F(Ageing, EmptyTableLogsNothing) {
-    EXPECT_EQ(logged([] { neighbor_aps_timer(); }), "");
-}
-
 TEST_F(Ageing, VisitsAtMost64Entries) {
     max_ngbr_num = 100;  // lets the table hold more than a walk visits
     std::vector<mac_addr> macs;

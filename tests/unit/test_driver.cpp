@@ -1,19 +1,186 @@
-// Driver events as the receive thread handles them: crafted netlink datagrams on the driver
-// socket, and the neighbor table, the probes and the log lines they lead to.
+// The driver link: messages to the driver and the events it sends.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <ostream>
 #include <string>
 #include <vector>
 
 #include "core/handlers.h"
+#include "core/settings.h"
+#include "driver_sink.h"
 #include "neighbor/driver_cache.h"
 #include "neighbor/driver_msg.h"
 #include "neighbor_test_util.h"
 #include "sandbox.h"
+#include "sysinfo/self_ap.h"
 
 namespace {
 
+using bytes = std::vector<uint8_t>;
+
+bytes built(const drv_msg &payload) {
+    std::array<uint8_t, DRV_NL_MSG_LEN> out;
+    out.fill(0xee);
+    driver_msg_build(payload, out.data());
+    return bytes(out.begin(), out.end());
+}
+
+// Header of every message: length 48, type 27, flags 0, sequence 0, port id 4 (little endian
+// host, as on this build machine).
+bytes header_bytes() {
+    return {48, 0, 0, 0, 27, 0, 0, 0, 0, 0, 0, 0, 4, 0, 0, 0};
+}
+
+bytes operation_message(uint8_t operation, uint8_t value) {
+    bytes expected = header_bytes();
+    bytes payload(32, 0);
+    payload[0] = operation;
+    payload[1] = value;
+    expected.insert(expected.end(), payload.begin(), payload.end());
+    return expected;
+}
+
+void set_self(uint32_t ip_host, const ip6_addr &ip6, const mac_addr &mac) {
+    std::lock_guard<std::mutex> guard(self_ap_lock);
+    self_ap.ip = ip_host;
+    self_ap.info.ip6 = ip6;
+    self_ap.mac = mac;
+}
+
+const ip6_addr kIp6{0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x42};
+const mac_addr kMac{0x00, 0x11, 0x22, 0xaa, 0xbb, 0xcc};
+
+TEST(DriverMsgBuild, ApInfoCarriesAddressMacAndLimit) {
+    neighbor_ap self{};
+    self.ip = 0xc0a8010a;  // 192.168.1.10, host order as self_ap keeps it
+    self.info.ip6 = kIp6;
+    self.mac = kMac;
+    bytes msg = built(drv_msg_ap_info(3, self, 33));
+    ASSERT_EQ(msg.size(), 48u);
+    EXPECT_EQ(bytes(msg.begin(), msg.begin() + 16), header_bytes());
+    const uint8_t *payload = msg.data() + 16;
+    EXPECT_EQ(payload[0], 1);
+    EXPECT_EQ(payload[1], 3);
+    EXPECT_EQ(payload[2], 0);
+    EXPECT_EQ(payload[3], 0);
+    EXPECT_EQ(bytes(payload + 4, payload + 8), (bytes{0xc0, 0xa8, 0x01, 0x0a}));
+    EXPECT_EQ(bytes(payload + 8, payload + 24), bytes(kIp6.begin(), kIp6.end()));
+    EXPECT_EQ(bytes(payload + 24, payload + 30), bytes(kMac.begin(), kMac.end()));
+    EXPECT_EQ(payload[30], 33);
+    EXPECT_EQ(payload[31], 0);
+}
+
+class DriverSend : public testing::Test {
+  protected:
+    void SetUp() override { ASSERT_TRUE(sink_.ready()) << "cannot bind a NETLINK_USERSOCK socket"; }
+    DriverSink sink_;
+};
+
+TEST_F(DriverSend, OperationSendersDeliverExactMessages) {
+    struct Case {
+        int (*send)();
+        bytes expected;
+    };
+    const Case cases[] = {
+        {[] { return netlink_set_rssi(10); }, operation_message(4, 10)},
+        {[] { return netlink_set_rssi(200); }, operation_message(4, 200)},
+        {[] { return netlink_set_max_ngbr_num(16); }, operation_message(5, 16)},
+        {[] { return netlink_aps_get(); }, operation_message(2, 0)},
+    };
+    for (const Case &c : cases) {
+        ASSERT_EQ(c.send(), 0);
+        std::vector<bytes> got = sink_.take_all();
+        ASSERT_EQ(got.size(), 1u);
+        EXPECT_EQ(got[0], c.expected);
+    }
+}
+
+TEST_F(DriverSend, ApInfoSenderReadsSelfApAndLimit) {
+    set_self(0xc0a8010a, kIp6, kMac);
+    max_ngbr_num = 20;
+    ASSERT_EQ(netlink_set_ipaddr(7), 0);
+    max_ngbr_num = MAX_NGBR_NUM_DEFAULT;
+    std::vector<bytes> got = sink_.take_all();
+    set_self(0, ip6_addr{}, mac_addr{});
+    ASSERT_EQ(got.size(), 1u);
+    neighbor_ap self{};
+    self.ip = 0xc0a8010a;
+    self.info.ip6 = kIp6;
+    self.mac = kMac;
+    EXPECT_EQ(got[0], built(drv_msg_ap_info(7, self, 20)));
+}
+
+TEST_F(DriverSend, LogLinesNameTheSender) {
+    setenv("TARN_LOG_STDERR", "1", 1);
+    tarn_debug = 1;
+    set_self(0x0a000001, ip6_addr{}, kMac);
+    ap_ip = 0x0100000a;
+    testing::internal::CaptureStderr();
+    netlink_set_rssi(9);
+    netlink_set_max_ngbr_num(30);
+    netlink_set_ipaddr(1);
+    std::string log = testing::internal::GetCapturedStderr();
+    tarn_debug = 0;
+    unsetenv("TARN_LOG_STDERR");
+    ap_ip = 0;
+    set_self(0, ip6_addr{}, mac_addr{});
+    sink_.take_all();
+    EXPECT_NE(log.find("netlink_set_rssi: set rssi limit:9\n"), std::string::npos) << log;
+    EXPECT_NE(log.find("netlink_set_max_ngbr_num: set dynamic neighbor num:30\n"),
+              std::string::npos);
+    EXPECT_NE(log.find("netlink_set_ipaddr: 100000a,a000001,100000a,32\n"), std::string::npos)
+        << log;
+    EXPECT_NE(log.find("netlink_set_ipaddr: ip6: ::\n"), std::string::npos);
+    EXPECT_NE(log.find("mac: 00:11:22:aa:bb:cc \n"), std::string::npos);
+    EXPECT_NE(log.find("netlink_set_ipaddr: send ap info to driver.\n"), std::string::npos);
+}
+
+// With no descriptor left, no sender can open its socket.
+int send_without_descriptors(int (*send)()) {
+    setenv("TARN_LOG_STDERR", "1", 1);
+    tarn_debug = 1;
+    sandbox::exhaust_descriptors();
+    return send();
+}
+
+TEST(DriverSendDeathTest, NoSocketGivesMinusOneAndErrorLog) {
+    EXPECT_EXIT(_exit(send_without_descriptors([] { return netlink_set_rssi(10); }) == -1 ? 7 : 1),
+                testing::ExitedWithCode(7), "netlink_set_rssi: Create netlink socket failed!");
+    EXPECT_EXIT(_exit(send_without_descriptors([] { return netlink_aps_get(); }) == -1 ? 7 : 1),
+                testing::ExitedWithCode(7), "netlink_aps_get: Create netlink socket failed!");
+    EXPECT_EXIT(_exit(send_without_descriptors([] { return netlink_set_ipaddr(1); }) == -1 ? 7 : 1),
+                testing::ExitedWithCode(7), "netlink_set_ipaddr: Create netlink socket failed!");
+}
+
+// Beacon refresh after the AP information: only with a wireless VAP (a link named athNN).
+TEST(DriverSendSandbox, BeaconRefreshOnlyWithWirelessVap) {
+    SKIP_UNLESS_ROOT();
+    std::string result = sandbox::run_in_sandbox([] {
+        DriverSink sink;
+        if (!sink.ready()) {
+            return std::string("no sink");
+        }
+        sandbox::install_command("iwpriv", "echo \"$*\" >> /tmp/iwpriv.calls");
+        std::string report;
+        netlink_set_ipaddr(1);
+        report += "without vap: sent " + std::to_string(sink.take_all().size()) + ", calls [" +
+                  sandbox::read_file("/tmp/iwpriv.calls") + "]\n";
+        if (!sandbox::sh("ip link add ath01 type veth peer name uplink0")) {
+            return std::string("cannot create ath01");
+        }
+        netlink_set_ipaddr(1);
+        report += "with vap: sent " + std::to_string(sink.take_all().size()) + ", calls [" +
+                  sandbox::read_file("/tmp/iwpriv.calls") + "]\n";
+        return report;
+    });
+    EXPECT_EQ(result,
+              "without vap: sent 1, calls []\n"
+              "with vap: sent 1, calls [wifi0 tarn_bcnUpdate 1\nwifi1 tarn_bcnUpdate 1\n]\n");
+}
+
+// Driver events as the receive thread handles them: crafted netlink datagrams on the driver
+// socket, and the neighbor table, the probes and the log lines they lead to.
 using namespace ntest;
 
 const mac_addr A = mac(0x0a);
@@ -268,15 +435,6 @@ TEST_F(DriverEvents, ShortDatagramReadsZerosNotTheLastOne) {
     EXPECT_EQ(e.ap.info.radio[2].channel, 0);
 }
 
-TEST_F(DriverEvents, CacheReplyWithNoEntriesChangesNothing) {
-    add_entry(A, ipv4("10.0.0.7"));
-    // Entries after a count of 0 are not read.
-    std::string log = deliver(cache_reply(0, {cached{B, ipv4("10.0.0.8")}}));
-    EXPECT_EQ(log, "hand_receive: hand op is 3\nhand_receive: get neighbors cache ok:0\n");
-    EXPECT_EQ(table_count(), 1u);
-    EXPECT_EQ(table_entry(A).ap.info.ip, ipv4("10.0.0.7"));
-}
-
 TEST_F(DriverEvents, CacheReplyMovesKnownNeighborAndKeepsItsOwnFacts) {
     add_entry(A, ipv4("10.0.0.7"), 5);
     ASSERT_TRUE(edit_entry(A, [](neighbor_ap &e) {
@@ -427,24 +585,17 @@ TEST(DriverEventProbes, NeighborKnownOnlyByIpv6IsProbedOverIpv6) {
     SKIP_UNLESS_ROOT();
     std::string seen = sandbox::run_in_sandbox([] {
         driver_feed feed;
-        int v6 = socket(AF_INET6, SOCK_DGRAM, 0);
-        int on = 1;
-        setsockopt(v6, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
-        sockaddr_in6 a6{};
-        a6.sin6_family = AF_INET6;
-        a6.sin6_port = htons(NBCP_PORT);
-        bind(v6, reinterpret_cast<sockaddr *>(&a6), sizeof a6);
+        probe_capture capture;
         sock_send_nbcp = open_probe_socket();
         sock6_nbcp = socket(AF_INET6, SOCK_DGRAM, 0);
         feed.send_event(heard{A, 0, ipv6("::1"), 0, 36, 40, 1}.payload());
         hand_receive();
-        pollfd p{v6, POLLIN, 0};
-        if (poll(&p, 1, 300) <= 0) {
-            return std::string("no probe");
+        auto got = capture.next(300);
+        if (!got || got->v4 || got->bytes.size() < 4) {
+            return std::string("no IPv6 probe");
         }
-        uint8_t data[128] = {};
-        ssize_t n = recv(v6, data, sizeof data, 0);
-        return "probe of " + std::to_string(n) + " bytes, type " + std::to_string(data[3]);
+        return "probe of " + std::to_string(got->bytes.size()) + " bytes, type " +
+               std::to_string(got->bytes[3]);
     });
     EXPECT_EQ(seen, "probe of 60 bytes, type 10");
 }
