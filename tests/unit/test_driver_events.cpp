@@ -406,6 +406,7 @@ TEST_F(DriverEvents, CacheReplyOfAFullTableReplacesTheOldest) {
 // Probes really leave: these run in a network namespace of their own with a listener on the
 // nbcp port, since the probes go to port 32766.
 TEST(DriverEventProbes, TwoEventsForOneNewNeighborProbeOnce) {
+    SKIP_WITHOUT_NETLINK();
     SKIP_UNLESS_ROOT();
     std::string seen = sandbox::run_in_sandbox([] {
         driver_feed feed;
@@ -425,6 +426,7 @@ TEST(DriverEventProbes, TwoEventsForOneNewNeighborProbeOnce) {
 }
 
 TEST(DriverEventProbes, NeighborKnownOnlyByIpv6IsProbedOverIpv6) {
+    SKIP_WITHOUT_NETLINK();
     SKIP_UNLESS_ROOT();
     std::string seen = sandbox::run_in_sandbox([] {
         driver_feed feed;
@@ -451,6 +453,7 @@ TEST(DriverEventProbes, NeighborKnownOnlyByIpv6IsProbedOverIpv6) {
 }
 
 TEST(DriverEventProbes, CacheReplyProbesOnlyTheNewNeighbors) {
+    SKIP_WITHOUT_NETLINK();
     SKIP_UNLESS_ROOT();
     std::string seen = sandbox::run_in_sandbox([] {
         driver_feed feed;
@@ -467,6 +470,7 @@ TEST(DriverEventProbes, CacheReplyProbesOnlyTheNewNeighbors) {
 }
 
 TEST(DriverEventProbes, NeighborRefusedByAFullTableIsProbedAndNotKept) {
+    SKIP_WITHOUT_NETLINK();
     SKIP_UNLESS_ROOT();
     std::string seen = sandbox::run_in_sandbox([] {
         driver_feed feed;
