@@ -10,6 +10,6 @@ set(CMAKE_CXX_COMPILER aarch64-linux-gnu-g++)
 set(CMAKE_LIBRARY_ARCHITECTURE aarch64-linux-gnu)
 set(CMAKE_CROSSCOMPILING_EMULATOR qemu-aarch64 -L /)
 
-# Libraries and headers of the target only (multiarch folders and any CMAKE_PREFIX_PATH);
-# programs of the build machine.
+# Libraries are found in the arm64 multiarch folders (CMAKE_LIBRARY_ARCHITECTURE) and under
+# CMAKE_PREFIX_PATH; programs are the build machine's.
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)

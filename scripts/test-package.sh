@@ -12,7 +12,7 @@ cd "$(dirname "$0")/.."
 JOBS=$(nproc)
 out=build-pkg
 platform=../shared/platform
-export PKG_CONFIG_LIBDIR_AARCH64=/usr/lib/aarch64-linux-gnu/pkgconfig:/usr/share/pkgconfig
+pkg_config_aarch64=/usr/lib/aarch64-linux-gnu/pkgconfig:/usr/share/pkgconfig
 
 say() { printf -- '-- %s\n' "$*"; }
 
@@ -44,7 +44,7 @@ bus_a64=(-DTARN_BUS=embedded)
 if [ -x "$platform/build.sh" ]; then
     "$platform/build.sh" "$out/platform-x86_64"
     CMAKE_TOOLCHAIN_FILE="$PWD/cmake/aarch64-linux-gnu.cmake" \
-        PKG_CONFIG_LIBDIR=$PKG_CONFIG_LIBDIR_AARCH64 "$platform/build.sh" "$out/platform-aarch64"
+        PKG_CONFIG_LIBDIR=$pkg_config_aarch64 "$platform/build.sh" "$out/platform-aarch64"
     bus_x86=(-DTARN_BUS=ubus -DCMAKE_PREFIX_PATH="$PWD/$out/platform-x86_64")
     bus_a64=(-DTARN_BUS=ubus -DCMAKE_PREFIX_PATH="$PWD/$out/platform-aarch64")
 else
@@ -67,7 +67,7 @@ fi
 check_binary x86-64 "$out/x86_64/tarn"
 
 say "AArch64 cross build, unit tests under qemu-user"
-PKG_CONFIG_LIBDIR=$PKG_CONFIG_LIBDIR_AARCH64 cmake -S . -B "$out/aarch64" \
+PKG_CONFIG_LIBDIR=$pkg_config_aarch64 cmake -S . -B "$out/aarch64" \
     -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/aarch64-linux-gnu.cmake" -DCMAKE_BUILD_TYPE=Release \
     -DTARN_BUILD_TESTS=ON -DTARN_WERROR=ON "${bus_a64[@]}" >/dev/null
 cmake --build "$out/aarch64" -j"$JOBS"
