@@ -17,7 +17,7 @@ fi
 export CC=gcc CXX=g++
 prefix=$PWD/build-ubus/platform
 "$platform/build.sh" "$prefix"
-cmake -S . -B build-ubus -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARN_BUS=ubus \
+cmake -S . -B build-ubus -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARN_BUS=ubus -DTARN_WERROR=ON \
     -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 make -C build-ubus -j"$JOBS" --no-print-directory
 ctest --test-dir build-ubus --output-on-failure -j"$JOBS"

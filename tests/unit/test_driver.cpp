@@ -73,7 +73,10 @@ TEST(DriverMsgBuild, ApInfoCarriesAddressMacAndLimit) {
 
 class DriverSend : public testing::Test {
   protected:
-    void SetUp() override { ASSERT_TRUE(sink_.ready()) << "cannot bind a NETLINK_USERSOCK socket"; }
+    void SetUp() override {
+        SKIP_WITHOUT_NETLINK();
+        ASSERT_TRUE(sink_.ready()) << "cannot bind a NETLINK_USERSOCK socket";
+    }
     DriverSink sink_;
 };
 
@@ -191,6 +194,7 @@ const mac_addr C = mac(0x0c);
 class DriverEvents : public testing::Test {
   protected:
     void SetUp() override {
+        SKIP_WITHOUT_NETLINK();
         ASSERT_TRUE(feed.ready()) << "netlink user sockets are needed";
         neighbor_aps_clear();
         max_ngbr_num = MAX_NGBR_NUM_DEFAULT;
@@ -563,6 +567,7 @@ TEST_F(DriverEvents, CacheReplyOfAFullTableReplacesTheOldest) {
 // Probes really leave: these run in a network namespace of their own with a listener on the
 // nbcp port, since the probes go to port 32766.
 TEST(DriverEventProbes, TwoEventsForOneNewNeighborProbeOnce) {
+    SKIP_WITHOUT_NETLINK();
     SKIP_UNLESS_ROOT();
     std::string seen = sandbox::run_in_sandbox([] {
         driver_feed feed;
@@ -582,6 +587,7 @@ TEST(DriverEventProbes, TwoEventsForOneNewNeighborProbeOnce) {
 }
 
 TEST(DriverEventProbes, NeighborKnownOnlyByIpv6IsProbedOverIpv6) {
+    SKIP_WITHOUT_NETLINK();
     SKIP_UNLESS_ROOT();
     std::string seen = sandbox::run_in_sandbox([] {
         driver_feed feed;
@@ -601,6 +607,7 @@ TEST(DriverEventProbes, NeighborKnownOnlyByIpv6IsProbedOverIpv6) {
 }
 
 TEST(DriverEventProbes, CacheReplyProbesOnlyTheNewNeighbors) {
+    SKIP_WITHOUT_NETLINK();
     SKIP_UNLESS_ROOT();
     std::string seen = sandbox::run_in_sandbox([] {
         driver_feed feed;
@@ -617,6 +624,7 @@ TEST(DriverEventProbes, CacheReplyProbesOnlyTheNewNeighbors) {
 }
 
 TEST(DriverEventProbes, NeighborRefusedByAFullTableIsProbedAndNotKept) {
+    SKIP_WITHOUT_NETLINK();
     SKIP_UNLESS_ROOT();
     std::string seen = sandbox::run_in_sandbox([] {
         driver_feed feed;

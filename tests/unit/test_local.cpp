@@ -227,6 +227,7 @@ TEST(LocalControl, GetRssiAnswersTheThresholdAtTheClientPath) {
 }
 
 TEST(LocalControl, SetRssiEmptiesTheTableAndTellsTheDriver) {
+    SKIP_WITHOUT_NETLINK();
     SKIP_UNLESS_ROOT();
     std::string seen = static_env::run([] {
         DriverSink driver;
@@ -240,6 +241,7 @@ TEST(LocalControl, SetRssiEmptiesTheTableAndTellsTheDriver) {
 }
 
 TEST(LocalControl, SetVersionActsOnlyOnANewVersion) {
+    SKIP_WITHOUT_NETLINK();
     SKIP_UNLESS_ROOT();
     std::string seen = static_env::run([] {
         DriverSink driver;
@@ -258,6 +260,7 @@ TEST(LocalControl, SetVersionActsOnlyOnANewVersion) {
 }
 
 TEST(LocalControl, SetNeighborCountActsOnAChangeAndAcceptsAnyValue) {
+    SKIP_WITHOUT_NETLINK();
     SKIP_UNLESS_ROOT();
     std::string seen = static_env::run([] {
         DriverSink driver;
@@ -355,6 +358,7 @@ TEST(LocalControl, FieldsPastTheEndOfAShortMessageReadAsZero) {
 }
 
 TEST(LocalControl, ListRequestsAnswerAtTheirPaths) {
+    SKIP_WITHOUT_NETLINK();
     SKIP_UNLESS_ROOT();
     std::string seen = static_env::run([] {
         DriverSink driver;
@@ -397,6 +401,7 @@ TEST(LocalControl, ListRequestsAnswerAtTheirPaths) {
 }
 
 TEST(LocalControl, NeighborInfoFromAnUnboundSenderIsDropped) {
+    SKIP_WITHOUT_NETLINK();
     SKIP_UNLESS_ROOT();
     std::string seen = static_env::run([] {
         DriverSink driver;

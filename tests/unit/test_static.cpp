@@ -12,6 +12,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <random>
 #include <sstream>
@@ -758,6 +760,21 @@ std::string parsed_macs(const std::string &text) {
     return macs;
 }
 
+// How long a new child takes to save once. Kills are spread over twice that (at least
+// MAX_DELAY_US), so that both versions get left behind however slowly the machine forks (an
+// emulator such as qemu-user takes tens of milliseconds).
+int save_cycle_us() {
+    auto start = std::chrono::steady_clock::now();
+    pid_t saver = fork();
+    if (saver == 0) {
+        save_as_json();
+        _exit(0);
+    }
+    waitpid(saver, nullptr, 0);
+    auto spent = std::chrono::steady_clock::now() - start;
+    return static_cast<int>(std::chrono::duration_cast<std::chrono::microseconds>(spent).count());
+}
+
 TEST(StaticSaveCrash, EveryKillLeavesACompleteVersion) {
     SKIP_UNLESS_ROOT();
     std::string seen = static_env::run([] {
@@ -771,7 +788,7 @@ TEST(StaticSaveCrash, EveryKillLeavesACompleteVersion) {
             return std::string("versions not distinct");
         }
         std::mt19937 random(12345);
-        std::uniform_int_distribution<int> delay(0, MAX_DELAY_US);
+        std::uniform_int_distribution<int> delay(0, std::max(MAX_DELAY_US, 2 * save_cycle_us()));
         int seen_version[2] = {0, 0};
         for (int kill_no = 0; kill_no < KILLS; ++kill_no) {
             fflush(nullptr);
