@@ -67,6 +67,12 @@ inline void nbcp_walk_items(nbcp_decoder &d, uint32_t limit, uint32_t count, uin
     uint32_t items = std::min(count, max_items);
     for (uint32_t i = 0; i < items && d.consumed < limit; ++i) {
         while (d.consumed < limit) {
+            if (nbcp_exhausted(d)) {
+                // Only zero elements remain; none closes an item or is known to one, so the walk
+                // would step over them four bytes at a time up to the limit. Go there at once.
+                d.consumed = limit;
+                return;
+            }
             uint16_t type;
             uint16_t len;
             nbcp_get_tl(d, type, len);

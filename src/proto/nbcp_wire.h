@@ -59,6 +59,11 @@ inline nbcp_decoder nbcp_body(const uint8_t *data, size_t len) {
 // fields by value: a decoder whose address never escapes stays in registers during a walk.
 void nbcp_read_tail(const uint8_t *data, size_t len, size_t pos, uint8_t *dst, size_t n);
 
+// Whether the cursor has left the region: every read from here on gives zeros.
+inline bool nbcp_exhausted(const nbcp_decoder &d) {
+    return d.consumed >= d.len;
+}
+
 inline void nbcp_advance(nbcp_decoder &d, size_t n) {
     d.consumed += static_cast<uint32_t>(n);
 }
