@@ -8,6 +8,7 @@ PACKAGES=(
     libgtest-dev libgmock-dev googletest libbenchmark-dev
     python3 python3-pytest
     iproute2 util-linux procps
+    graphviz
 )
 
 missing=()

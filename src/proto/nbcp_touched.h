@@ -22,12 +22,19 @@ class nbcp_touched {
     // Records that the n bytes at p (inside the record) were written.
     void mark(const void *p, size_t n) {
         const uintptr_t begin = reinterpret_cast<uintptr_t>(p) - base_;
-        const uintptr_t end = begin + n;  // n > 0 for every field
-        for (size_t line = begin / LINE; line * LINE < end; ++line) {
-            words_[line / 64] |= uint64_t{1} << (line % 64);
+        const size_t first = begin / LINE;
+        const size_t last = (begin + n - 1) / LINE;  // n > 0 for every field
+        const size_t first_word = first / 64;
+        const size_t last_word = last / 64;
+        if (first_word == last_word) {  // the usual case: one mask for all the lines
+            words_[first_word] |= (~uint64_t{0} >> (63 - (last - first))) << (first % 64);
+        } else {
+            for (size_t line = first; line <= last; ++line) {
+                words_[line / 64] |= uint64_t{1} << (line % 64);
+            }
         }
-        first_word_ = std::min(first_word_, begin / LINE / 64);
-        last_word_ = std::max(last_word_, (end - 1) / LINE / 64 + 1);
+        first_word_ = std::min(first_word_, first_word);
+        last_word_ = std::max(last_word_, last_word + 1);
     }
 
     // Zeroes every line written since the last clear (only the part inside the record) and
