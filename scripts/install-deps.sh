@@ -9,6 +9,10 @@ PACKAGES=(
     python3 python3-pytest
     iproute2 util-linux procps
     graphviz
+    man-db file binutils
+    # AArch64: Debian's cross compiler, qemu-user and the arm64 libraries through multiarch
+    g++-aarch64-linux-gnu qemu-user
+    libc6:arm64 libstdc++6:arm64 libjson-c-dev:arm64 libcjson-dev:arm64 libgtest-dev:arm64
 )
 
 missing=()
@@ -27,6 +31,10 @@ if [ "$(id -u)" -ne 0 ]; then
 fi
 echo "installing: ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
+if ! dpkg --print-foreign-architectures | grep -qx arm64; then
+    $SUDO dpkg --add-architecture arm64
+    $SUDO apt-get update
+fi
 if ! $SUDO apt-get install -y --no-install-recommends "${missing[@]}"; then
     $SUDO apt-get update
     $SUDO apt-get install -y --no-install-recommends "${missing[@]}"

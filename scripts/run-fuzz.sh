@@ -14,7 +14,8 @@ seconds=${FUZZ_SECONDS:-60}
 build=build-fuzz
 
 cmake -S . -B "$build" -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
-    -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARN_BUILD_FUZZ=ON -DTARN_BUILD_TESTS=OFF >/dev/null
+    -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARN_BUILD_FUZZ=ON -DTARN_BUILD_TESTS=OFF \
+    -DTARN_WERROR=ON >/dev/null
 cmake --build "$build" --target fuzz_nbcp_parse fuzz_nbcp_list_read -j 2
 
 mkdir -p fuzz/artifacts

@@ -17,7 +17,7 @@ tsan_targets() {
 }
 
 step "build and unit tests"
-cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARN_BUILD_BENCH=ON >/dev/null
+cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARN_BUILD_BENCH=ON -DTARN_WERROR=ON >/dev/null
 make -C build -j"$JOBS" --no-print-directory
 ctest --test-dir build --output-on-failure -j"$JOBS"
 
@@ -25,12 +25,12 @@ step "unit tests under AddressSanitizer and UndefinedBehaviorSanitizer"
 # clang's sanitizer runtimes cope with thread cancellation (the timer service uses it), gcc's
 # AddressSanitizer does not.
 export CC=clang CXX=clang++
-cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DTARN_SANITIZE=address,undefined >/dev/null
+cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DTARN_SANITIZE=address,undefined -DTARN_WERROR=ON >/dev/null
 make -C build-asan -j"$JOBS" --no-print-directory
 ctest --test-dir build-asan --output-on-failure -j"$JOBS"
 
 step "concurrency tests under ThreadSanitizer"
-cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DTARN_SANITIZE=thread >/dev/null
+cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DTARN_SANITIZE=thread -DTARN_WERROR=ON >/dev/null
 make -C build-tsan -j"$JOBS" --no-print-directory $(tsan_targets)
 ctest --test-dir build-tsan --output-on-failure -j"$JOBS" -E _NOT_BUILT
 
@@ -38,6 +38,8 @@ if [ -d tests/system ]; then
     step "system tests"
     TARN_BUILD_DIR="$PWD/build" /usr/bin/python3 -m pytest -q -rs tests/system
 fi
+
+step "package: service script, install tree, AArch64 under qemu-user"; scripts/test-package.sh
 
 if [ -x scripts/run-fuzz.sh ]; then
     step "fuzzing"

@@ -32,7 +32,7 @@ ubus_method tarn_ubus_methods[TARN_METHOD_COUNT];
 ubus_object_type tarn_object_type;
 ubus_object tarn_object;
 
-blobmsg_type blobmsg_type_of(arg_type type) {
+enum blobmsg_type blobmsg_type_of(arg_type type) {
     switch (type) {
         case arg_type::array:
             return BLOBMSG_TYPE_ARRAY;

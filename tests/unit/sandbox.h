@@ -8,8 +8,10 @@
 #pragma once
 
 #include <fcntl.h>
+#include <linux/netlink.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -58,6 +60,29 @@ inline std::string read_file(const std::string &path) {
 inline bool exists(const std::string &path) {
     return access(path.c_str(), F_OK) == 0;
 }
+
+// Why this machine cannot open the NETLINK_USERSOCK sockets that stand in for the Wi-Fi driver
+// (qemu-user emulates only a few netlink protocols), or "" when it can.
+inline std::string netlink_unavailable() {
+    static const std::string reason = [] {
+        int fd = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_USERSOCK);
+        if (fd >= 0) {
+            close(fd);
+            return std::string();
+        }
+        return errno == EPROTONOSUPPORT || errno == EAFNOSUPPORT ? std::string(strerror(errno))
+                                                                 : std::string();
+    }();
+    return reason;
+}
+
+#define SKIP_WITHOUT_NETLINK()                                                         \
+    do {                                                                               \
+        if (!sandbox::netlink_unavailable().empty()) {                                 \
+            GTEST_SKIP() << "netlink user sockets unavailable here (socket: "          \
+                         << sandbox::netlink_unavailable() << "), as under qemu-user"; \
+        }                                                                              \
+    } while (0)
 
 // A stand-in for a platform command: a shell script in /tmp/bin.
 inline void install_command(const std::string &name, const std::string &script) {

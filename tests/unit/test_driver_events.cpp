@@ -24,6 +24,7 @@ const mac_addr C = mac(0x0c);
 class DriverEvents : public testing::Test {
   protected:
     void SetUp() override {
+        SKIP_WITHOUT_NETLINK();
         ASSERT_TRUE(feed.ready()) << "netlink user sockets are needed";
         neighbor_aps_clear();
         max_ngbr_num = MAX_NGBR_NUM_DEFAULT;

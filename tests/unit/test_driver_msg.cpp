@@ -72,7 +72,10 @@ TEST(DriverMsgBuild, ApInfoCarriesAddressMacAndLimit) {
 
 class DriverSend : public testing::Test {
   protected:
-    void SetUp() override { ASSERT_TRUE(sink_.ready()) << "cannot bind a NETLINK_USERSOCK socket"; }
+    void SetUp() override {
+        SKIP_WITHOUT_NETLINK();
+        ASSERT_TRUE(sink_.ready()) << "cannot bind a NETLINK_USERSOCK socket";
+    }
     DriverSink sink_;
 };
 
@@ -167,6 +170,7 @@ TEST(LogMac, OnlyWhileDebuggingBelowPriorityEight) {
 
 // Beacon refresh after the AP information: only with a wireless VAP (a link named athNN).
 TEST(DriverSendSandbox, BeaconRefreshOnlyWithWirelessVap) {
+    SKIP_WITHOUT_NETLINK();
     SKIP_UNLESS_ROOT();
     std::string result = sandbox::run_in_sandbox([] {
         DriverSink sink;

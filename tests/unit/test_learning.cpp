@@ -218,6 +218,7 @@ TEST(Learning, TimerCallbackLearnsAndRearmsEvery150Seconds) {
 }
 
 TEST(IpDetection, RearmsUntilTheDriverConfirmsThenStopsForGood) {
+    SKIP_WITHOUT_NETLINK();
     SKIP_UNLESS_ROOT();
     std::string seen = sandbox::run_in_sandbox([] {
         install_platform();

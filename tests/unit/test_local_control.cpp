@@ -140,6 +140,7 @@ TEST(LocalControl, GetRssiAnswersTheThresholdAtTheClientPath) {
 }
 
 TEST(LocalControl, SetRssiEmptiesTheTableAndTellsTheDriver) {
+    SKIP_WITHOUT_NETLINK();
     SKIP_UNLESS_ROOT();
     std::string seen = static_env::run([] {
         DriverSink driver;
@@ -153,6 +154,7 @@ TEST(LocalControl, SetRssiEmptiesTheTableAndTellsTheDriver) {
 }
 
 TEST(LocalControl, SetVersionActsOnlyOnANewVersion) {
+    SKIP_WITHOUT_NETLINK();
     SKIP_UNLESS_ROOT();
     std::string seen = static_env::run([] {
         DriverSink driver;
@@ -171,6 +173,7 @@ TEST(LocalControl, SetVersionActsOnlyOnANewVersion) {
 }
 
 TEST(LocalControl, SetNeighborCountActsOnAChangeAndAcceptsAnyValue) {
+    SKIP_WITHOUT_NETLINK();
     SKIP_UNLESS_ROOT();
     std::string seen = static_env::run([] {
         DriverSink driver;
@@ -280,6 +283,7 @@ TEST(LocalControl, FieldsPastTheEndOfAShortMessageReadAsZero) {
 }
 
 TEST(LocalControl, ListRequestsAnswerAtTheirPaths) {
+    SKIP_WITHOUT_NETLINK();
     SKIP_UNLESS_ROOT();
     std::string seen = static_env::run([] {
         DriverSink driver;
@@ -322,6 +326,7 @@ TEST(LocalControl, ListRequestsAnswerAtTheirPaths) {
 }
 
 TEST(LocalControl, NeighborInfoFromAnUnboundSenderIsDropped) {
+    SKIP_WITHOUT_NETLINK();
     SKIP_UNLESS_ROOT();
     std::string seen = static_env::run([] {
         DriverSink driver;

@@ -137,6 +137,7 @@ struct DriverCount {
 };
 
 TEST(SysinfoAddresses, UplinkAddressesAndDriverReports) {
+    SKIP_WITHOUT_NETLINK();
     SKIP_UNLESS_ROOT();
     std::string result = sandbox::run_in_sandbox([] {
         quiet_ipv6_links();

@@ -1,0 +1,22 @@
+# What a package holds and how its binary is built.
+#
+# A Release (or MinSizeRel) build is the package build, as the OpenWrt SDK configures it: the
+# daemon's code is built for size (-Os, one section per function and object, unused ones
+# dropped at link time), without exceptions or RTTI, with the pieces of the C++ runtime it
+# uses linked in (the AP needs no shared libstdc++ or libgcc_s), only the shared libraries it
+# calls into recorded as needed (libm goes when nothing uses it) and stripped.
+# Other build types keep the compiler's defaults, for debugging and the sanitizers.
+include(GNUInstallDirs)
+
+if(CMAKE_BUILD_TYPE MATCHES "^(Release|MinSizeRel)$")
+  set(TARN_SIZE_OPTIONS -Os -ffunction-sections -fdata-sections -fno-exceptions -fno-rtti)
+  target_compile_options(tarn_core PRIVATE ${TARN_SIZE_OPTIONS})
+  target_compile_options(tarn PRIVATE ${TARN_SIZE_OPTIONS})
+  target_link_options(tarn PRIVATE -static-libstdc++ -static-libgcc -Wl,--gc-sections
+                      -Wl,--as-needed -s)
+endif()
+
+# Only the daemon and its manual page: tarn-bus, the lab, the tests and the benchmarks are
+# development tools.
+install(TARGETS tarn RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
+install(FILES ${CMAKE_CURRENT_SOURCE_DIR}/doc/tarn.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
