@@ -19,7 +19,7 @@ on the same machine), in a fresh two-AP lab whose daemons run without -D:
 
 CPU time is read from /proc/PID/task/*/schedstat (nanoseconds, all threads).
 
-    sudo bench/bench_tarn.py [--base OLD_BUILD_DIR] [--build BUILD_DIR] [--quick]
+    sudo bench/bench_tarn.py [--base OLD_BUILD_DIR] [--build BUILD_DIR ...] [--quick]
 """
 
 import argparse
@@ -345,8 +345,9 @@ def print_table(columns):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--build", default=labmod.default_build_dir(),
-                        help="build directory under test (default: the lab's)")
+    parser.add_argument("--build", action="append",
+                        help="build directory under test (default: the lab's); may be given "
+                        "more than once, each measured in turn")
     parser.add_argument("--base", help="a baseline build directory, measured first")
     parser.add_argument("--quick", action="store_true", help="fewer samples")
     options = parser.parse_args()
@@ -357,14 +358,16 @@ def main():
     if not nsutil.is_root():
         sys.exit("needs root (network and mount namespaces)")
 
-    builds = ([("before", options.base)] if options.base else []) + [("after", options.build)]
+    under_test = options.build or [labmod.default_build_dir()]
+    builds = [("before", options.base)] if options.base else []
+    builds += [(f"{'after' if options.base else 'build'}: {os.path.basename(d.rstrip('/'))}", d)
+               for d in under_test]
     columns = {}
-    # Built into the build directory: the APs see it, not the host's /tmp.
-    responder = build_responder(os.path.abspath(options.build))
-    for label, build_dir in builds:
+    # Built into a build directory: the APs see it, not the host's /tmp.
+    responder = build_responder(os.path.abspath(under_test[0]))
+    for number, (label, build_dir) in enumerate(builds):
         print(f"measuring {label}: {os.path.abspath(build_dir)}", flush=True)
-        columns[label if options.base else "this build"] = \
-            measure(os.path.abspath(build_dir), label[0], options, responder)
+        columns[label] = measure(os.path.abspath(build_dir), f"x{number}", options, responder)
     print()
     print_table(columns)
 

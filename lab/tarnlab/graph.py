@@ -62,7 +62,7 @@ def render(lab, out_path=None, fmt="svg"):
     if fmt not in FORMATS:
         raise LabError(f"graph format {fmt!r}: one of {', '.join(FORMATS)}")
     # Large labs read better laid out by force than in ranks.
-    program = "dot" if len(lab.aps) <= 8 else "neato"
+    program = "dot" if len(lab.aps) <= 8 else "sfdp"
     if shutil.which(program) is None:
         raise LabError(f"Graphviz's {program} is not installed (scripts/install-deps.sh)")
     text, heard, found, static = dot_text(lab)

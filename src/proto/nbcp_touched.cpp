@@ -1,7 +1,6 @@
 #include "proto/nbcp_touched.h"
 
 #include <algorithm>
-#include <bitset>
 #include <cstring>
 
 nbcp_touched::nbcp_touched(const nbcp_msg *msg)
@@ -31,7 +30,7 @@ void nbcp_touched::clear(nbcp_msg *msg) {
 size_t nbcp_touched::lines() const {
     size_t n = 0;
     for (uint64_t w : words_) {
-        n += std::bitset<64>(w).count();
+        n += static_cast<size_t>(__builtin_popcountll(w));
     }
     return n;
 }
