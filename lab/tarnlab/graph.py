@@ -62,7 +62,7 @@ def render(lab, out_path=None, fmt="svg"):
     if fmt not in FORMATS:
         raise LabError(f"graph format {fmt!r}: one of {', '.join(FORMATS)}")
     # Large labs read better laid out by force than in ranks.
-    program = "dot" if len(lab.aps) <= 8 else "sfdp"
+    program = "dot" if len(lab.aps) <= 8 else "neato"
     if shutil.which(program) is None:
         raise LabError(f"Graphviz's {program} is not installed (scripts/install-deps.sh)")
     text, heard, found, static = dot_text(lab)
@@ -70,5 +70,9 @@ def render(lab, out_path=None, fmt="svg"):
     out_path = os.path.abspath(out_path or f"/tmp/tarn-lab-{lab.name}.{fmt}")
     with open(os.path.splitext(out_path)[0] + ".dot", "w", encoding="utf-8") as handle:
         handle.write(text)
-    subprocess.run([program, f"-T{fmt}", "-o", out_path], input=text.encode(), check=True)
+    done = subprocess.run([program, f"-T{fmt}", "-o", out_path], input=text.encode(),
+                          check=False)
+    if done.returncode != 0:
+        raise LabError(f"{program} failed (status {done.returncode}); the graph is in "
+                       f"{os.path.splitext(out_path)[0]}.dot")
     return out_path, heard, found, static
