@@ -209,7 +209,15 @@ def fill_neighbors(lab, ap1, learned=64, static=8):
                                            [{"radioid": 0, "channel": 6, "txpower": 20,
                                              "rssi": 30, "bandwidth": 20}], i + 1)
                for i in range(learned)]
-    line.send(drvproto.encode_cache_reply(entries))
+    deadline = time.monotonic() + 10
+    while True:  # a daemon just started may not have bound its driver socket yet
+        try:
+            line.send(drvproto.encode_cache_reply(entries))
+            break
+        except ConnectionRefusedError:
+            if time.monotonic() > deadline:
+                raise
+            time.sleep(0.1)
     for i in range(static):
         ap1.bus("add_static_neighbor", {"mac": f"02:fb:00:00:02:{i:02x}",
                                         "ip": f"10.99.2.{i + 1}"})
