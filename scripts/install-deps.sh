@@ -8,6 +8,7 @@ PACKAGES=(
     libgtest-dev libgmock-dev googletest libbenchmark-dev
     python3 python3-pytest
     iproute2 util-linux procps
+    graphviz
     man-db file binutils
     # AArch64: Debian's cross compiler, qemu-user and the arm64 libraries through multiarch
     g++-aarch64-linux-gnu qemu-user

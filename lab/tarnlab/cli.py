@@ -1,4 +1,5 @@
-"""Command line of the lab: lab up|exec|hear|unhear|drop|cache|logs|status|down|demo."""
+"""Command line of the lab: lab up|exec|hear|unhear|drop|cache|logs|status|converge|graph|down|
+demo."""
 
 import argparse
 import json
@@ -134,6 +135,22 @@ def cmd_down(args):
     return 0
 
 
+def cmd_converge(args):
+    from . import scale
+    lab = Lab.load(args.name)
+    ok = scale.converge(lab, timeout=args.timeout, cache_every=args.cache_every,
+                        out=lambda text: print(text, flush=True))
+    return 0 if ok else 1
+
+
+def cmd_graph(args):
+    from . import graph
+    lab = Lab.load(args.name)
+    path, heard, found, static = graph.render(lab, args.out, args.format)
+    print(f"{path}  ({heard} heard, {found} discovered, {static} static links)")
+    return 0
+
+
 def cmd_demo(args):
     from .demo import run_demo
     return run_demo(count=args.count, timeout=args.timeout, name=args.name,
@@ -187,6 +204,19 @@ def build_parser():
     down = sub.add_parser("down", help="stop the lab and remove everything it made")
     down.add_argument("--all", action="store_true", help="every lab on this machine")
     down.set_defaults(func=cmd_down)
+
+    conv = sub.add_parser("converge", help="wait until every table holds min(heard, 64) "
+                          "neighbors with name and version; CPU and RSS per daemon")
+    conv.add_argument("--timeout", type=float, default=600.0)
+    conv.add_argument("--cache-every", type=float, default=0.0, metavar="S",
+                      help="every S seconds each driver sends a cache reply (time values)")
+    conv.set_defaults(func=cmd_converge)
+
+    graph = sub.add_parser("graph", help="draw who hears, discovered and statically links "
+                           "whom (Graphviz)")
+    graph.add_argument("--out", help="output file (default /tmp/tarn-lab-NAME.FORMAT)")
+    graph.add_argument("--format", default="svg", choices=("svg", "png"))
+    graph.set_defaults(func=cmd_graph)
 
     demo = sub.add_parser("demo", help="four APs discover each other; prints AP 1's tables")
     demo.add_argument("--count", type=int, default=4)

@@ -4,7 +4,7 @@ import os
 import sys
 import time
 
-from . import nsutil
+from . import graph, nsutil
 from .lab import Lab, LabError
 
 
@@ -83,6 +83,12 @@ def run_demo(count=4, timeout=60.0, name="demo", build_dir=None, out=sys.stdout)
             out.write(result.stdout)
             if result.returncode != 0 or result.stderr.strip():
                 print(f"(exit {result.returncode}) {result.stderr}", file=out)
+        try:
+            path, _, _, _ = graph.render(lab)
+            print(f"\nPicture of the lab (who hears, has discovered and statically links "
+                  f"whom): {path}", file=out)
+        except (LabError, OSError) as exc:
+            print(f"\n(no picture of the lab: {exc})", file=out)
         out.flush()
         return 0
     except LabError as exc:

@@ -213,6 +213,7 @@ class Lab:
                 self.save()
                 if self.with_bridge:
                     say("bridge")
+                    _room_for_neighbors(len(self.aps))
                     self._make_bridge()
                 for ap in self.aps:
                     say(f"{ap.name}: namespaces and links")
@@ -233,6 +234,13 @@ class Lab:
                         ap.start_daemon(wait=False)
                     for ap in self.aps:
                         ap.wait_daemon_ready()
+                if self.with_simulators:
+                    # Beacons begin once every daemon listens: a probe sent to a daemon that
+                    # is not up yet would wait for the next learning pass (150 s).
+                    for ap in self.aps:
+                        if ap.config["beacon_interval"] > 0:
+                            ap.sim_command({"cmd": "config",
+                                            "beacon_interval": ap.config["beacon_interval"]})
             except BaseException:
                 self._teardown()
                 raise
@@ -312,7 +320,8 @@ class Lab:
         config_path = os.path.join(ap.dir, "sim.json")
         with open(config_path, "w", encoding="utf-8") as handle:
             json.dump({"heard": scen.heard_entries(self.scenario, ap.name),
-                       "beacon_interval": cfg["beacon_interval"], "confirm": cfg["confirm"],
+                       "beacon_interval": 0 if self.with_daemons else cfg["beacon_interval"],
+                       "confirm": cfg["confirm"],
                        "answer_cache": cfg["answer_cache"]}, handle, indent=1)
         with open(os.path.join(ap.dir, "sim.log"), "ab") as log:
             ap.sim = ap.popen([sys.executable, DRIVER_SIM, "--port", str(cfg["driver_port"]),
@@ -412,6 +421,26 @@ class Lab:
                 why = f"tarn ended in {', '.join(dead)}" if dead else f"{timeout}s passed"
                 raise LabError(f"discovery incomplete ({why}): {missing}")
             time.sleep(interval)
+
+
+def _room_for_neighbors(count):
+    """The kernel's ARP and neighbor-discovery caches are shared by every namespace, and their
+    default limit (1024 entries) is below what a large lab needs: each AP resolves every other,
+    count * (count - 1) entries, and past the limit new ones are refused and the packets
+    waiting on them dropped. Raises the limits on the host when they are too low (never
+    lowers them)."""
+    needed = 2 * count * count
+    for family in ("ipv4", "ipv6"):
+        for level, value in (("gc_thresh2", needed), ("gc_thresh3", 2 * needed)):
+            path = f"/proc/sys/net/{family}/neigh/default/{level}"
+            try:
+                with open(path, encoding="ascii") as handle:
+                    current = int(handle.read())
+                if current < value:
+                    with open(path, "w", encoding="ascii") as handle:
+                        handle.write(str(value))
+            except (OSError, ValueError):
+                pass
 
 
 # Labs built by this process and not yet torn down; ended at exit whatever happens.

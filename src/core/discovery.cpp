@@ -10,6 +10,7 @@
 
 #include "core/handlers.h"
 #include "core/probe.h"
+#include "core/recv_area.h"
 #include "core/settings.h"
 #include "neighbor/neighbor_table.h"
 #include "proto/nbcp.h"
@@ -202,23 +203,19 @@ ssize_t send_ndsp(int sock, sockaddr *dest, int mode) {
     return sent;
 }
 
-// The decode area is about 1.7 MiB; it lives in this function's frame, on the receive thread's
-// 3 MiB stack, so no process-wide state is needed for it. Only the part that the datagram's type
-// can fill is cleared (nbcp_msg_reset), which is all that the handling below reads.
-void nbcp_receive(int sock, int kind) {
-    memset(buffer, 0, sizeof buffer);
+// The decode area (about 1.7 MiB) belongs to the receive thread's frame; it reads as zero
+// wherever this datagram wrote nothing, and clearing it costs what the previous one wrote.
+void nbcp_receive(int sock, int kind, nbcp_decode_area &area) {
     nbcp_source from;
     memset(&from, 0, sizeof from);
     socklen_t from_len = sizeof from;
-    ssize_t received = RecvMsg(sock, buffer, RECV_MAX, &from, &from_len, kind);
-    if (received <= 0) {
+    received_datagram datagram(sock, &from, &from_len, kind);
+    if (datagram.size() == 0) {
         return;
     }
-    const size_t len = static_cast<size_t>(received);
 
-    nbcp_msg msg;
-    nbcp_msg_reset(&msg, buffer, len);
-    nbcp_parse(buffer, len, &msg);
+    nbcp_msg &msg = area.msg;
+    area.parse(buffer, datagram.size());
     TARN_DBG("recv nbcp packet type:%d\n", msg.kind);
 
     switch (msg.kind) {

@@ -6,6 +6,7 @@
 
 #include "core/handlers.h"
 #include "core/probe.h"
+#include "core/recv_area.h"
 #include "core/settings.h"
 #include "neighbor/driver_cache.h"
 #include "neighbor/driver_msg.h"
@@ -134,19 +135,17 @@ void on_ap_dropped(const drv_event &event) {
 }  // namespace
 
 void hand_receive() {
-    memset(buffer, 0, sizeof buffer);
     sockaddr_nl from;
     memset(&from, 0, sizeof from);
     socklen_t from_len = sizeof from;
-    ssize_t received =
-        RecvMsg(sock_recv_hand, buffer, RECV_MAX, &from, &from_len, RECV_ADDR_NETLINK);
-    if (received <= 0) {
+    received_datagram datagram(sock_recv_hand, &from, &from_len, RECV_ADDR_NETLINK);
+    if (datagram.size() == 0) {
         return;
     }
-    // A datagram shorter than what its event claims reads zeros: the buffer was cleared above,
-    // and its guard bytes keep every fixed-offset read of the event inside it.
+    // A datagram shorter than what its event claims reads zeros: the buffer reads as zero past
+    // every datagram, and its guard bytes keep every fixed-offset read of the event inside it.
     const uint8_t *payload = buffer + DRV_EVENT_OFFSET;
-    const size_t received_len = static_cast<size_t>(received);
+    const size_t received_len = datagram.size();
     const size_t payload_len =
         received_len > DRV_EVENT_OFFSET ? received_len - DRV_EVENT_OFFSET : 0;
     const drv_event event = drv_event_read(payload, sizeof(drv_event));

@@ -13,6 +13,7 @@
 #include "core/handlers.h"
 #include "core/local_msg.h"
 #include "core/probe.h"
+#include "core/recv_area.h"
 #include "core/settings.h"
 #include "diag/neighbor_dump.h"
 #include "neighbor/driver_msg.h"
@@ -96,18 +97,16 @@ void probe_address(uint32_t ip_host) {
 }  // namespace
 
 void local_receive() {
-    memset(buffer, 0, sizeof buffer);
     sockaddr_un from;
     memset(&from, 0, sizeof from);
     socklen_t from_len = sizeof from;
-    ssize_t received =
-        RecvMsg(sock_recv_local, buffer, RECV_MAX, &from, &from_len, RECV_ADDR_LOCAL);
-    if (received <= 0) {
+    received_datagram datagram(sock_recv_local, &from, &from_len, RECV_ADDR_LOCAL);
+    if (datagram.size() == 0) {
         return;
     }
     TARN_DBG("buff:%x,%x,%x,%x,%x,%x,%x,%x\n", buffer[0], buffer[1], buffer[2], buffer[3],
              buffer[4], buffer[5], buffer[6], buffer[7]);
-    handle_recvmsg(buffer, static_cast<size_t>(received), &from);
+    handle_recvmsg(buffer, datagram.size(), &from);
 }
 
 int handle_recvmsg(const uint8_t *msg, size_t len, const sockaddr_un *from) {

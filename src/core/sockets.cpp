@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "core/handlers.h"
+#include "core/recv_area.h"
 #include "core/settings.h"
 #include "neighbor/driver_link.h"
 #include "util/local_socket.h"
@@ -105,7 +106,7 @@ void tarn_socket6_init() {
     }
 }
 
-void recv_once() {
+void recv_once(nbcp_decode_area &area) {
     fd_set readable;
     FD_ZERO(&readable);
     FD_SET(sock_recv_nbcp, &readable);
@@ -124,11 +125,11 @@ void recv_once() {
         ++rcv_hand_cnt;
     }
     if (FD_ISSET(sock_recv_nbcp, &readable)) {
-        nbcp_receive(sock_recv_nbcp, RECV_ADDR_IPV6);
+        nbcp_receive(sock_recv_nbcp, RECV_ADDR_IPV6, area);
         ++rcv_nbcp_cnt;
     }
     if (FD_ISSET(sock6_nbcp, &readable)) {
-        nbcp_receive(sock6_nbcp, RECV_ADDR_IPV6);
+        nbcp_receive(sock6_nbcp, RECV_ADDR_IPV6, area);
         ++rcv_nbcp_ip6_cnt;
     }
     if (FD_ISSET(sock_recv_local, &readable)) {
@@ -138,8 +139,9 @@ void recv_once() {
 }
 
 void *recv_thread(void *) {
+    nbcp_decode_area area;  // on this thread's stack for the life of the process
     for (;;) {
-        recv_once();
+        recv_once(area);
     }
     return nullptr;
 }

@@ -12,5 +12,7 @@ void tarn_socket6_init();
 // socket per pass to its handler, driver first. Never returns.
 void *recv_thread(void *arg);
 
+struct nbcp_decode_area;
+
 // One pass of the receive loop (select, then the handlers of the ready sockets).
-void recv_once();
+void recv_once(nbcp_decode_area &area);

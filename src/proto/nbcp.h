@@ -8,6 +8,7 @@
 #include "core/local_msg.h"
 #include "neighbor/ap_info.h"
 #include "proto/nbcp_records.h"
+#include "proto/nbcp_touched.h"
 #include "proto/nbcp_wire.h"
 
 // A probe always encodes to exactly this many bytes.
@@ -67,13 +68,14 @@ uint32_t nbcp_list_put(uint8_t *out, const ap_info *entry, local_msg_hdr *hdr, u
 void nbcp_msg_reset(nbcp_msg *msg, const uint8_t *data, size_t len);
 
 // Decodes a datagram of len readable bytes (bytes past len read as zero) into msg, which must
-// be cleared (nbcp_msg_reset or zero-filled). Returns 1 for a known type, 0 for an unknown type
-// or a null pointer. Prints nothing.
-int nbcp_decode(const uint8_t *data, size_t len, nbcp_msg *msg);
+// be cleared (nbcp_msg_reset, nbcp_touched::clear or zero-filled). Returns 1 for a known type, 0
+// for an unknown type or a null pointer. Prints nothing. When touched is given, every byte the
+// decode writes lies in a line it marks there.
+int nbcp_decode(const uint8_t *data, size_t len, nbcp_msg *msg, nbcp_touched *touched = nullptr);
 
 // nbcp_decode plus the diagnostic lines on standard output: the type of every datagram, and a
 // second line for an unknown type.
-int nbcp_parse(const uint8_t *data, size_t len, nbcp_msg *msg);
+int nbcp_parse(const uint8_t *data, size_t len, nbcp_msg *msg, nbcp_touched *touched = nullptr);
 
 // Reads a neighbor-list reply of len readable bytes into entries, a zero-filled array of
 // capacity records. Returns the number of entries closed by their end-of-entry element. The

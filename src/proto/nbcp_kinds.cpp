@@ -1,6 +1,7 @@
 #include "proto/nbcp_kinds.h"
 
 #include <algorithm>
+#include <cstddef>
 
 #include "proto/nbcp_walk.h"
 
@@ -109,6 +110,12 @@ void read_fixed_items(nbcp_decoder &d, uint32_t count, size_t width, nbcp_item4 
     }
 }
 
+// An entry of kind 5 is written up to its neighbors; each neighbor is marked on its own, so that
+// an entry with few neighbors does not count (and later clear) the room for 255.
+nbcp_kind5_entry &kind5_entry(nbcp_touched *touched, nbcp_kind5_entry &e) {
+    return nbcp_touch_prefix(touched, e, offsetof(nbcp_kind5_entry, neighbors));
+}
+
 uint32_t long_list_items(uint32_t count) {
     return std::min(count, NBCP_LONG_LIST_MAX);
 }
@@ -138,10 +145,11 @@ bool read_kind2_entry(nbcp_decoder &d, uint16_t type, uint16_t len, nbcp_kind2_e
     }
 }
 
-void read_kind5_neighbors(nbcp_decoder &d, uint32_t limit, nbcp_kind5_entry &e) {
+void read_kind5_neighbors(nbcp_decoder &d, uint32_t limit, nbcp_kind5_entry &e,
+                          nbcp_touched *touched) {
     nbcp_walk_items(d, limit, e.neighbor_count, NBCP_LONG_LIST_MAX, K5_NEIGHBOR_END,
                     [&](uint32_t i, uint16_t type, uint16_t) {
-                        nbcp_kind5_neighbor &n = e.neighbors[i];
+                        nbcp_kind5_neighbor &n = nbcp_touch(touched, e.neighbors[i]);
                         switch (type) {
                             case K5_NEIGHBOR_ADDRESS:
                                 nbcp_get_mac(d, n.address.data());
@@ -157,7 +165,8 @@ void read_kind5_neighbors(nbcp_decoder &d, uint32_t limit, nbcp_kind5_entry &e) 
                     });
 }
 
-bool read_kind5_entry(nbcp_decoder &d, uint32_t limit, uint16_t type, nbcp_kind5_entry &e) {
+bool read_kind5_entry(nbcp_decoder &d, uint32_t limit, uint16_t type, nbcp_kind5_entry &e,
+                      nbcp_touched *touched) {
     switch (type) {
         case K5_ENTRY_FIELD1:
             e.field1 = nbcp_get_u8(d);
@@ -168,7 +177,7 @@ bool read_kind5_entry(nbcp_decoder &d, uint32_t limit, uint16_t type, nbcp_kind5
             return true;
         case K5_NEIGHBOR_COUNT:
             e.neighbor_count = nbcp_get_u8(d);
-            read_kind5_neighbors(d, limit, e);
+            read_kind5_neighbors(d, limit, e, touched);
             return true;
         case K5_ENTRY_ADDRESS:
             nbcp_get_mac(d, e.address.data());
@@ -186,7 +195,8 @@ bool read_kind5_entry(nbcp_decoder &d, uint32_t limit, uint16_t type, nbcp_kind5
 
 }  // namespace
 
-void nbcp_parse_kind1_tlv(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &msg) {
+void nbcp_parse_kind1_tlv(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &msg,
+                          nbcp_touched *) {
     nbcp_decoder d = nbcp_body(datagram, size);
     nbcp_kind1 &rec = msg.m.kind1;
     nbcp_walk(d, limit, [&](uint16_t type, uint16_t) {
@@ -216,7 +226,8 @@ void nbcp_parse_kind1_tlv(const uint8_t *datagram, size_t size, uint32_t limit, 
     });
 }
 
-void nbcp_parse_kind1_fixed(const uint8_t *datagram, size_t size, uint32_t, nbcp_msg &msg) {
+void nbcp_parse_kind1_fixed(const uint8_t *datagram, size_t size, uint32_t, nbcp_msg &msg,
+                            nbcp_touched *) {
     nbcp_decoder d = nbcp_body(datagram, size);
     nbcp_kind1 &rec = msg.m.kind1;
     rec.field1 = nbcp_get_u8(d);
@@ -228,7 +239,8 @@ void nbcp_parse_kind1_fixed(const uint8_t *datagram, size_t size, uint32_t, nbcp
     read_fixed_items(d, rec.item_count, 3, rec.items);
 }
 
-void nbcp_parse_kind2_tlv(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &msg) {
+void nbcp_parse_kind2_tlv(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &msg,
+                          nbcp_touched *touched) {
     nbcp_decoder d = nbcp_body(datagram, size);
     nbcp_kind2 &rec = msg.m.kind2;
     nbcp_walk(d, limit, [&](uint16_t type, uint16_t) {
@@ -249,7 +261,8 @@ void nbcp_parse_kind2_tlv(const uint8_t *datagram, size_t size, uint32_t limit, 
                 rec.entry_count = nbcp_get_u8(d);
                 nbcp_walk_items(d, limit, rec.entry_count, NBCP_LONG_LIST_MAX, K2_ENTRY_END,
                                 [&](uint32_t i, uint16_t t, uint16_t len) {
-                                    return read_kind2_entry(d, t, len, rec.entries[i]);
+                                    return read_kind2_entry(d, t, len,
+                                                            nbcp_touch(touched, rec.entries[i]));
                                 });
                 return true;
             default:
@@ -258,7 +271,8 @@ void nbcp_parse_kind2_tlv(const uint8_t *datagram, size_t size, uint32_t limit, 
     });
 }
 
-void nbcp_parse_kind2_fixed(const uint8_t *datagram, size_t size, uint32_t, nbcp_msg &msg) {
+void nbcp_parse_kind2_fixed(const uint8_t *datagram, size_t size, uint32_t, nbcp_msg &msg,
+                            nbcp_touched *touched) {
     nbcp_decoder d = nbcp_body(datagram, size);
     nbcp_kind2 &rec = msg.m.kind2;
     rec.field1 = nbcp_get_u8(d);
@@ -267,8 +281,8 @@ void nbcp_parse_kind2_fixed(const uint8_t *datagram, size_t size, uint32_t, nbcp
     nbcp_get_mac(d, rec.address.data());
     rec.entry_count = nbcp_get_u8(d);
     uint32_t n = long_list_items(rec.entry_count);
-    for (uint32_t i = 0; i < n; ++i) {
-        nbcp_kind2_entry &e = rec.entries[i];
+    for (uint32_t i = 0; i < n && !nbcp_exhausted(d); ++i) {
+        nbcp_kind2_entry &e = nbcp_touch(touched, rec.entries[i]);
         nbcp_get_mac(d, e.address.data());
         e.field2 = nbcp_get_u8(d);
         e.field3 = nbcp_get_u8(d);
@@ -281,7 +295,8 @@ void nbcp_parse_kind2_fixed(const uint8_t *datagram, size_t size, uint32_t, nbcp
     }
 }
 
-void nbcp_parse_kind3_tlv(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &msg) {
+void nbcp_parse_kind3_tlv(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &msg,
+                          nbcp_touched *) {
     nbcp_decoder d = nbcp_body(datagram, size);
     nbcp_kind3 &rec = msg.m.kind3;
     nbcp_walk(d, limit, [&](uint16_t type, uint16_t len) {
@@ -326,7 +341,8 @@ void nbcp_parse_kind3_tlv(const uint8_t *datagram, size_t size, uint32_t limit, 
     });
 }
 
-void nbcp_parse_kind3_fixed(const uint8_t *datagram, size_t size, uint32_t, nbcp_msg &msg) {
+void nbcp_parse_kind3_fixed(const uint8_t *datagram, size_t size, uint32_t, nbcp_msg &msg,
+                            nbcp_touched *) {
     nbcp_decoder d = nbcp_body(datagram, size);
     nbcp_kind3 &rec = msg.m.kind3;
     rec.field1 = nbcp_get_u8(d);
@@ -344,11 +360,12 @@ void nbcp_parse_kind3_fixed(const uint8_t *datagram, size_t size, uint32_t, nbcp
     nbcp_read(d, reinterpret_cast<uint8_t *>(rec.text4), sizeof rec.text4);
 }
 
-void nbcp_parse_kind4_tlv(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &msg) {
+void nbcp_parse_kind4_tlv(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &msg,
+                          nbcp_touched *touched) {
     nbcp_decoder d = nbcp_body(datagram, size);
     nbcp_kind4 &rec = msg.m.kind4;
     auto read_entry = [&](uint32_t i, uint16_t type, uint16_t) {
-        nbcp_kind4_entry &e = rec.entries[i];
+        nbcp_kind4_entry &e = nbcp_touch(touched, rec.entries[i]);
         switch (type) {
             case K4_ENTRY_ADDRESS:
                 nbcp_get_mac(d, e.address.data());
@@ -377,21 +394,23 @@ void nbcp_parse_kind4_tlv(const uint8_t *datagram, size_t size, uint32_t limit, 
     });
 }
 
-void nbcp_parse_kind4_fixed(const uint8_t *datagram, size_t size, uint32_t, nbcp_msg &msg) {
+void nbcp_parse_kind4_fixed(const uint8_t *datagram, size_t size, uint32_t, nbcp_msg &msg,
+                            nbcp_touched *touched) {
     nbcp_decoder d = nbcp_body(datagram, size);
     nbcp_kind4 &rec = msg.m.kind4;
     nbcp_get_mac(d, rec.address.data());
     rec.entry_count = nbcp_get_u8(d);
     uint32_t n = long_list_items(rec.entry_count);
-    for (uint32_t i = 0; i < n; ++i) {
-        nbcp_kind4_entry &e = rec.entries[i];
+    for (uint32_t i = 0; i < n && !nbcp_exhausted(d); ++i) {
+        nbcp_kind4_entry &e = nbcp_touch(touched, rec.entries[i]);
         nbcp_get_mac(d, e.address.data());
         e.item_count = nbcp_get_u8(d);
         read_fixed_items(d, e.item_count, ITEM_BYTES, e.items);
     }
 }
 
-void nbcp_parse_kind5_tlv(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &msg) {
+void nbcp_parse_kind5_tlv(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &msg,
+                          nbcp_touched *touched) {
     nbcp_decoder d = nbcp_body(datagram, size);
     nbcp_kind5 &rec = msg.m.kind5;
     nbcp_walk(d, limit, [&](uint16_t type, uint16_t) {
@@ -403,7 +422,8 @@ void nbcp_parse_kind5_tlv(const uint8_t *datagram, size_t size, uint32_t limit, 
                 rec.entry_count = nbcp_get_u32(d);
                 nbcp_walk_items(d, limit, rec.entry_count, NBCP_LONG_LIST_MAX, K5_ENTRY_END,
                                 [&](uint32_t i, uint16_t t, uint16_t) {
-                                    return read_kind5_entry(d, limit, t, rec.entries[i]);
+                                    return read_kind5_entry(
+                                        d, limit, t, kind5_entry(touched, rec.entries[i]), touched);
                                 });
                 return true;
             default:
@@ -412,14 +432,15 @@ void nbcp_parse_kind5_tlv(const uint8_t *datagram, size_t size, uint32_t limit, 
     });
 }
 
-void nbcp_parse_kind5_fixed(const uint8_t *datagram, size_t size, uint32_t, nbcp_msg &msg) {
+void nbcp_parse_kind5_fixed(const uint8_t *datagram, size_t size, uint32_t, nbcp_msg &msg,
+                            nbcp_touched *touched) {
     nbcp_decoder d = nbcp_body(datagram, size);
     nbcp_kind5 &rec = msg.m.kind5;
     rec.value = nbcp_get_u32(d);
     rec.entry_count = nbcp_get_u32(d);
     uint32_t entries = long_list_items(rec.entry_count);
-    for (uint32_t i = 0; i < entries; ++i) {
-        nbcp_kind5_entry &e = rec.entries[i];
+    for (uint32_t i = 0; i < entries && !nbcp_exhausted(d); ++i) {
+        nbcp_kind5_entry &e = kind5_entry(touched, rec.entries[i]);
         e.field1 = nbcp_get_u8(d);
         e.radio_count = nbcp_get_u8(d);
         e.neighbor_count = nbcp_get_u8(d);
@@ -428,8 +449,8 @@ void nbcp_parse_kind5_fixed(const uint8_t *datagram, size_t size, uint32_t, nbcp
         e.value2 = nbcp_get_u32(d);
         read_fixed_items(d, e.radio_count, 3, e.radios);
         uint32_t neighbors = long_list_items(e.neighbor_count);
-        for (uint32_t j = 0; j < neighbors; ++j) {
-            nbcp_kind5_neighbor &n = e.neighbors[j];
+        for (uint32_t j = 0; j < neighbors && !nbcp_exhausted(d); ++j) {
+            nbcp_kind5_neighbor &n = nbcp_touch(touched, e.neighbors[j]);
             nbcp_get_mac(d, n.address.data());
             n.item_count = nbcp_get_u8(d);
             read_fixed_items(d, n.item_count, ITEM_BYTES, n.items);
@@ -437,7 +458,8 @@ void nbcp_parse_kind5_fixed(const uint8_t *datagram, size_t size, uint32_t, nbcp
     }
 }
 
-void nbcp_parse_kind6_tlv(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &msg) {
+void nbcp_parse_kind6_tlv(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &msg,
+                          nbcp_touched *touched) {
     nbcp_decoder d = nbcp_body(datagram, size);
     nbcp_kind6 &rec = msg.m.kind6;
     nbcp_walk(d, limit, [&](uint16_t type, uint16_t) {
@@ -458,7 +480,7 @@ void nbcp_parse_kind6_tlv(const uint8_t *datagram, size_t size, uint32_t limit, 
                                     if (t != K6_ENTRY_ADDRESS) {
                                         return false;
                                     }
-                                    nbcp_get_mac(d, rec.entries[i].data());
+                                    nbcp_get_mac(d, nbcp_touch(touched, rec.entries[i]).data());
                                     return true;
                                 });
                 return true;
@@ -468,20 +490,22 @@ void nbcp_parse_kind6_tlv(const uint8_t *datagram, size_t size, uint32_t limit, 
     });
 }
 
-void nbcp_parse_kind6_fixed(const uint8_t *datagram, size_t size, uint32_t, nbcp_msg &msg) {
+void nbcp_parse_kind6_fixed(const uint8_t *datagram, size_t size, uint32_t, nbcp_msg &msg,
+                            nbcp_touched *touched) {
     nbcp_decoder d = nbcp_body(datagram, size);
     nbcp_kind6 &rec = msg.m.kind6;
     rec.field1 = nbcp_get_u8(d);
     rec.value1 = nbcp_get_u32(d);
     rec.entry_count = nbcp_get_u8(d);
     uint32_t n = long_list_items(rec.entry_count);
-    for (uint32_t i = 0; i < n; ++i) {
-        nbcp_get_mac(d, rec.entries[i].data());
+    for (uint32_t i = 0; i < n && !nbcp_exhausted(d); ++i) {
+        nbcp_get_mac(d, nbcp_touch(touched, rec.entries[i]).data());
     }
     rec.value2 = nbcp_get_u32(d);
 }
 
-void nbcp_parse_type15(const uint8_t *datagram, size_t size, uint32_t, nbcp_msg &msg) {
+void nbcp_parse_type15(const uint8_t *datagram, size_t size, uint32_t, nbcp_msg &msg,
+                       nbcp_touched *) {
     nbcp_decoder d = nbcp_body(datagram, size);
     nbcp_type15 &rec = msg.m.type15;
     rec.subtype = nbcp_get_u16(d);
@@ -508,12 +532,13 @@ void nbcp_parse_type15(const uint8_t *datagram, size_t size, uint32_t, nbcp_msg 
     }
 }
 
-void nbcp_parse_type16(const uint8_t *datagram, size_t size, uint32_t, nbcp_msg &msg) {
+void nbcp_parse_type16(const uint8_t *datagram, size_t size, uint32_t, nbcp_msg &msg,
+                       nbcp_touched *touched) {
     nbcp_decoder d = nbcp_body(datagram, size);
     nbcp_type16 &rec = msg.m.type16;
     rec.count = nbcp_get_u8(d);
     nbcp_get_mac(d, rec.address.data());
-    for (uint32_t i = 0; i < rec.count; ++i) {
-        nbcp_read(d, rec.groups[i], sizeof rec.groups[i]);
+    for (uint32_t i = 0; i < rec.count && !nbcp_exhausted(d); ++i) {
+        nbcp_read(d, nbcp_touch(touched, rec.groups[i]), sizeof rec.groups[i]);
     }
 }

@@ -1,4 +1,5 @@
 #include <array>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 
@@ -14,7 +15,8 @@ constexpr uint32_t NBCP_WALK_LIMIT = 1008;
 constexpr uint32_t NBCP_KIND2_WALK_LIMIT = 65535;
 constexpr uint32_t NBCP_KIND5_WALK_LIMIT = 2008;
 
-void parse_ndrp(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &msg) {
+void parse_ndrp(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &msg,
+                nbcp_touched *) {
     nbcp_decoder d = nbcp_body(datagram, size);
     nbcp_ndrp &rec = msg.m.ndrp;
     // The probe's own IPv6 address is skipped with every unknown code: the answer goes to the
@@ -39,7 +41,8 @@ void parse_ndrp(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &
     });
 }
 
-void parse_ndsp(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &msg) {
+void parse_ndsp(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &msg,
+                nbcp_touched *) {
     nbcp_decoder d = nbcp_body(datagram, size);
     nbcp_ndsp &rec = msg.m.ndsp;
     ap_info &info = rec.info;
@@ -109,41 +112,51 @@ void parse_ndsp(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &
                        NDSP_INFO_VERSION, NDSP_INFO_NAME, NDSP_INFO_RADIOCNT>(d, limit, on_element);
 }
 
-using nbcp_parser = void (*)(const uint8_t *data, size_t len, uint32_t limit, nbcp_msg &msg);
+using nbcp_parser = void (*)(const uint8_t *data, size_t len, uint32_t limit, nbcp_msg &msg,
+                             nbcp_touched *touched);
 
 struct nbcp_dispatch {
     uint8_t kind;  // 0 marks an unknown type
     uint32_t limit;
     nbcp_parser parse;
     size_t record_size;  // bytes of the union member the parser fills
+    size_t head_size;    // its bytes before the first list whose items the parser marks itself
 };
 
 constexpr std::array<nbcp_dispatch, 256> make_dispatch_table() {
     std::array<nbcp_dispatch, 256> t{};
     const nbcp_dispatch fixed_kinds[] = {
-        {1, 0, nbcp_parse_kind1_fixed, sizeof(nbcp_kind1)},
-        {2, 0, nbcp_parse_kind2_fixed, sizeof(nbcp_kind2)},
-        {3, 0, nbcp_parse_kind3_fixed, sizeof(nbcp_kind3)},
-        {4, 0, nbcp_parse_kind4_fixed, sizeof(nbcp_kind4)},
-        {5, 0, nbcp_parse_kind5_fixed, sizeof(nbcp_kind5)},
-        {6, 0, nbcp_parse_kind6_fixed, sizeof(nbcp_kind6)},
+        {1, 0, nbcp_parse_kind1_fixed, sizeof(nbcp_kind1), sizeof(nbcp_kind1)},
+        {2, 0, nbcp_parse_kind2_fixed, sizeof(nbcp_kind2), offsetof(nbcp_kind2, entries)},
+        {3, 0, nbcp_parse_kind3_fixed, sizeof(nbcp_kind3), sizeof(nbcp_kind3)},
+        {4, 0, nbcp_parse_kind4_fixed, sizeof(nbcp_kind4), offsetof(nbcp_kind4, entries)},
+        {5, 0, nbcp_parse_kind5_fixed, sizeof(nbcp_kind5), offsetof(nbcp_kind5, entries)},
+        {6, 0, nbcp_parse_kind6_fixed, sizeof(nbcp_kind6), offsetof(nbcp_kind6, entries)},
     };
     const nbcp_dispatch tlv_kinds[] = {
-        {1, NBCP_WALK_LIMIT, nbcp_parse_kind1_tlv, sizeof(nbcp_kind1)},
-        {2, NBCP_KIND2_WALK_LIMIT, nbcp_parse_kind2_tlv, sizeof(nbcp_kind2)},
-        {3, NBCP_WALK_LIMIT, nbcp_parse_kind3_tlv, sizeof(nbcp_kind3)},
-        {4, NBCP_WALK_LIMIT, nbcp_parse_kind4_tlv, sizeof(nbcp_kind4)},
-        {5, NBCP_KIND5_WALK_LIMIT, nbcp_parse_kind5_tlv, sizeof(nbcp_kind5)},
-        {6, NBCP_WALK_LIMIT, nbcp_parse_kind6_tlv, sizeof(nbcp_kind6)},
+        {1, NBCP_WALK_LIMIT, nbcp_parse_kind1_tlv, sizeof(nbcp_kind1), sizeof(nbcp_kind1)},
+        {2, NBCP_KIND2_WALK_LIMIT, nbcp_parse_kind2_tlv, sizeof(nbcp_kind2),
+         offsetof(nbcp_kind2, entries)},
+        {3, NBCP_WALK_LIMIT, nbcp_parse_kind3_tlv, sizeof(nbcp_kind3), sizeof(nbcp_kind3)},
+        {4, NBCP_WALK_LIMIT, nbcp_parse_kind4_tlv, sizeof(nbcp_kind4),
+         offsetof(nbcp_kind4, entries)},
+        {5, NBCP_KIND5_WALK_LIMIT, nbcp_parse_kind5_tlv, sizeof(nbcp_kind5),
+         offsetof(nbcp_kind5, entries)},
+        {6, NBCP_WALK_LIMIT, nbcp_parse_kind6_tlv, sizeof(nbcp_kind6),
+         offsetof(nbcp_kind6, entries)},
     };
     for (int k = NBCP_KIND_MIN; k <= NBCP_KIND_MAX; ++k) {
         t[k] = fixed_kinds[k - NBCP_KIND_MIN];
         t[k + NBCP_KIND_TLV_OFFSET] = tlv_kinds[k - NBCP_KIND_MIN];
     }
-    t[NBCP_TYPE_NDRP] = {NBCP_TYPE_NDRP, NBCP_WALK_LIMIT, parse_ndrp, sizeof(nbcp_ndrp)};
-    t[NBCP_TYPE_NDSP] = {NBCP_TYPE_NDSP, NBCP_WALK_LIMIT, parse_ndsp, sizeof(nbcp_ndsp)};
-    t[NBCP_TYPE_15] = {NBCP_TYPE_15, 0, nbcp_parse_type15, sizeof(nbcp_type15)};
-    t[NBCP_TYPE_16] = {NBCP_TYPE_16, 0, nbcp_parse_type16, sizeof(nbcp_type16)};
+    t[NBCP_TYPE_NDRP] = {NBCP_TYPE_NDRP, NBCP_WALK_LIMIT, parse_ndrp, sizeof(nbcp_ndrp),
+                         sizeof(nbcp_ndrp)};
+    t[NBCP_TYPE_NDSP] = {NBCP_TYPE_NDSP, NBCP_WALK_LIMIT, parse_ndsp, sizeof(nbcp_ndsp),
+                         sizeof(nbcp_ndsp)};
+    t[NBCP_TYPE_15] = {NBCP_TYPE_15, 0, nbcp_parse_type15, sizeof(nbcp_type15),
+                       sizeof(nbcp_type15)};
+    t[NBCP_TYPE_16] = {NBCP_TYPE_16, 0, nbcp_parse_type16, sizeof(nbcp_type16),
+                       offsetof(nbcp_type16, groups)};
     return t;
 }
 
@@ -164,25 +177,29 @@ void nbcp_msg_reset(nbcp_msg *msg, const uint8_t *data, size_t len) {
     std::memset(&msg->m, 0, entry.parse != nullptr ? entry.record_size : sizeof(nbcp_hdr));
 }
 
-int nbcp_decode(const uint8_t *data, size_t len, nbcp_msg *msg) {
+int nbcp_decode(const uint8_t *data, size_t len, nbcp_msg *msg, nbcp_touched *touched) {
     if (nbcp_hdr_decode(data, len, msg) == 0) {
         return 0;
     }
     const nbcp_dispatch &entry = NBCP_DISPATCH[datagram_type(data, len)];
+    if (touched != nullptr) {
+        touched->mark(&msg->kind, sizeof msg->kind);
+        touched->mark(&msg->m, entry.parse != nullptr ? entry.head_size : sizeof(nbcp_hdr));
+    }
     if (entry.parse == nullptr) {
         return 0;
     }
     msg->kind = entry.kind;
-    entry.parse(data, len, entry.limit, *msg);
+    entry.parse(data, len, entry.limit, *msg, touched);
     return 1;
 }
 
-int nbcp_parse(const uint8_t *data, size_t len, nbcp_msg *msg) {
+int nbcp_parse(const uint8_t *data, size_t len, nbcp_msg *msg, nbcp_touched *touched) {
     if (data == nullptr || msg == nullptr) {
         return 0;
     }
     std::printf("nbcp protocol type %d!\n", datagram_type(data, len));
-    int known = nbcp_decode(data, len, msg);
+    int known = nbcp_decode(data, len, msg, touched);
     if (!known) {
         std::printf("nbcp protocol do not have this type!\n");
     }

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
 
 #include "neighbor/ap_info.h"
 #include "proto/nbcp_codes.h"
@@ -67,6 +68,12 @@ inline void nbcp_walk_items(nbcp_decoder &d, uint32_t limit, uint32_t count, uin
     uint32_t items = std::min(count, max_items);
     for (uint32_t i = 0; i < items && d.consumed < limit; ++i) {
         while (d.consumed < limit) {
+            if (nbcp_exhausted(d)) {
+                // Only zero elements remain; none closes an item or is known to one, so the walk
+                // would step over them four bytes at a time up to the limit. Go there at once.
+                d.consumed = limit;
+                return;
+            }
             uint16_t type;
             uint16_t len;
             nbcp_get_tl(d, type, len);
@@ -81,11 +88,51 @@ inline void nbcp_walk_items(nbcp_decoder &d, uint32_t limit, uint32_t count, uin
     }
 }
 
+// A radio as the builders write it: its five one-byte elements in the order of radio_info,
+// then its end. Taken whole when the next 30 bytes are exactly that; the result is the one the
+// item walk gives for the same bytes.
+inline bool nbcp_radio_in_order(nbcp_decoder &d, uint32_t limit, radio_info &r,
+                                const nbcp_radio_codes &codes) {
+    constexpr size_t FIELD = NBCP_TL_LEN + 1;
+    constexpr size_t RADIO = 6 * FIELD;
+    if (d.consumed + RADIO > limit || !nbcp_fits(d, RADIO)) {
+        return false;
+    }
+    const uint8_t *p = d.data + d.consumed;
+    const uint16_t order[6] = {codes.radioid, codes.channel,   codes.txpower,
+                               codes.rssi,    codes.bandwidth, codes.end};
+    uint32_t mismatch = 0;
+    for (size_t i = 0; i < 6; ++i) {
+        // Type and length 1 as they stand on the wire, compared as one word.
+        const uint8_t want[NBCP_TL_LEN] = {static_cast<uint8_t>(order[i] >> 8),
+                                           static_cast<uint8_t>(order[i]), 0, 1};
+        uint32_t have_word;
+        uint32_t want_word;
+        std::memcpy(&have_word, p + i * FIELD, sizeof have_word);
+        std::memcpy(&want_word, want, sizeof want_word);
+        mismatch |= have_word ^ want_word;
+    }
+    if (mismatch != 0) {
+        return false;
+    }
+    r = radio_info{p[NBCP_TL_LEN], p[FIELD + NBCP_TL_LEN], p[2 * FIELD + NBCP_TL_LEN],
+                   p[3 * FIELD + NBCP_TL_LEN], p[4 * FIELD + NBCP_TL_LEN]};
+    nbcp_advance(d, RADIO);
+    return true;
+}
+
 // Reads min(count, AP_RADIO_MAX) radios after a radio-count element; radios beyond the fourth
 // are left to the enclosing walk, which skips their elements.
 inline void nbcp_read_radios(nbcp_decoder &d, uint32_t limit, uint8_t count, radio_info *radios,
                              const nbcp_radio_codes &codes) {
-    nbcp_walk_items(d, limit, count, AP_RADIO_MAX, codes.end,
+    uint32_t taken = 0;
+    while (taken < std::min<uint32_t>(count, AP_RADIO_MAX) &&
+           nbcp_radio_in_order(d, limit, radios[taken], codes)) {
+        ++taken;
+    }
+    radios += taken;
+    count = static_cast<uint8_t>(count - taken);
+    nbcp_walk_items(d, limit, count, AP_RADIO_MAX - taken, codes.end,
                     [&](uint32_t i, uint16_t type, uint16_t) {
                         radio_info &r = radios[i];
                         if (type == codes.radioid) {

@@ -35,9 +35,12 @@ int nbcp_hdr_decode(const uint8_t *data, size_t len, nbcp_msg *msg) {
     if (data == nullptr || msg == nullptr) {
         return 0;
     }
-    uint8_t wire[NBCP_HDR_LEN];
-    nbcp_decoder d = nbcp_decoder_at(data, len, 0);
-    nbcp_read(d, wire, sizeof wire);
+    uint8_t padded[NBCP_HDR_LEN];
+    const uint8_t *wire = data;
+    if (len < NBCP_HDR_LEN) {  // a short datagram reads zeros where its header is missing
+        nbcp_read_tail(data, len, 0, padded, sizeof padded);
+        wire = padded;
+    }
     nbcp_hdr &hdr = msg->m.hdr;
     hdr.flag = wire[0];
     hdr.arg2 = nbcp_be16(wire + 1);

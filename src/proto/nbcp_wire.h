@@ -55,22 +55,31 @@ inline nbcp_decoder nbcp_body(const uint8_t *data, size_t len) {
     return nbcp_decoder_at(data, len, NBCP_HDR_LEN);
 }
 
+// The get operations are the body of every element walk: always inlined, so that a walk keeps
+// its cursor in registers and does no call per element.
+#define NBCP_INLINE inline __attribute__((always_inline))
+
 // Out-of-line part of nbcp_read for reads that reach past the region. Takes the cursor's
 // fields by value: a decoder whose address never escapes stays in registers during a walk.
 void nbcp_read_tail(const uint8_t *data, size_t len, size_t pos, uint8_t *dst, size_t n);
 
-inline void nbcp_advance(nbcp_decoder &d, size_t n) {
+// Whether the cursor has left the region: every read from here on gives zeros.
+NBCP_INLINE bool nbcp_exhausted(const nbcp_decoder &d) {
+    return d.consumed >= d.len;
+}
+
+NBCP_INLINE void nbcp_advance(nbcp_decoder &d, size_t n) {
     d.consumed += static_cast<uint32_t>(n);
 }
 
 // Whether n bytes at the cursor lie inside the region. (consumed stays far below any overflow:
 // every walk is bounded by its limit plus one element.)
-inline bool nbcp_fits(const nbcp_decoder &d, size_t n) {
+NBCP_INLINE bool nbcp_fits(const nbcp_decoder &d, size_t n) {
     return d.consumed + n <= d.len;
 }
 
 // Copies n bytes at the cursor to dst (zeros past the region) and advances the cursor.
-inline void nbcp_read(nbcp_decoder &d, uint8_t *dst, size_t n) {
+NBCP_INLINE void nbcp_read(nbcp_decoder &d, uint8_t *dst, size_t n) {
     if (nbcp_fits(d, n)) {
         std::memcpy(dst, d.data + d.consumed, n);
     } else {
@@ -88,50 +97,83 @@ inline uint32_t nbcp_be32(const uint8_t *p) {
            static_cast<uint32_t>(p[2]) << 8 | p[3];
 }
 
-inline uint16_t nbcp_get_u16(nbcp_decoder &d) {
-    uint8_t b[2];
-    nbcp_read(d, b, sizeof b);
-    return nbcp_be16(b);
+// Byte i after the cursor, zero past the region. Multi-byte values are read in place or byte by
+// byte, never through a copy on the stack, whose read-back would stall on the copy's stores.
+NBCP_INLINE uint8_t nbcp_byte_at(const nbcp_decoder &d, size_t i) {
+    return d.consumed + i < d.len ? d.data[d.consumed + i] : 0;
+}
+
+NBCP_INLINE uint16_t nbcp_peek_be16(const nbcp_decoder &d, size_t i) {
+    if (nbcp_fits(d, i + 2)) {
+        return nbcp_be16(d.data + d.consumed + i);
+    }
+    return static_cast<uint16_t>(nbcp_byte_at(d, i) << 8 | nbcp_byte_at(d, i + 1));
+}
+
+NBCP_INLINE uint16_t nbcp_get_u16(nbcp_decoder &d) {
+    uint16_t v = nbcp_peek_be16(d, 0);
+    nbcp_advance(d, 2);
+    return v;
 }
 
 // The type and length fields of the next element, read together.
-inline void nbcp_get_tl(nbcp_decoder &d, uint16_t &type, uint16_t &len) {
-    uint8_t b[NBCP_TL_LEN];
-    nbcp_read(d, b, sizeof b);
-    type = nbcp_be16(b);
-    len = nbcp_be16(b + 2);
+NBCP_INLINE void nbcp_get_tl(nbcp_decoder &d, uint16_t &type, uint16_t &len) {
+    type = nbcp_peek_be16(d, 0);
+    len = nbcp_peek_be16(d, 2);
+    nbcp_advance(d, NBCP_TL_LEN);
 }
 
 // The fixed-width reads take their width whatever the element's length field says.
-inline uint8_t nbcp_get_u8(nbcp_decoder &d) {
+NBCP_INLINE uint8_t nbcp_get_u8(nbcp_decoder &d) {
     uint8_t b = nbcp_fits(d, 1) ? d.data[d.consumed] : 0;
     nbcp_advance(d, 1);
     return b;
 }
 
-inline uint32_t nbcp_get_u32(nbcp_decoder &d) {
-    uint8_t b[4];
-    nbcp_read(d, b, sizeof b);
-    return nbcp_be32(b);
+NBCP_INLINE uint32_t nbcp_get_u32(nbcp_decoder &d) {
+    uint32_t v = static_cast<uint32_t>(nbcp_peek_be16(d, 0)) << 16 | nbcp_peek_be16(d, 2);
+    nbcp_advance(d, 4);
+    return v;
 }
 
-inline void nbcp_get_mac(nbcp_decoder &d, uint8_t *dst) {
+NBCP_INLINE void nbcp_get_mac(nbcp_decoder &d, uint8_t *dst) {
     nbcp_read(d, dst, 6);
 }
 
-inline void nbcp_get_addr6(nbcp_decoder &d, uint8_t *dst) {
+NBCP_INLINE void nbcp_get_addr6(nbcp_decoder &d, uint8_t *dst) {
     nbcp_read(d, dst, 16);
 }
 
-inline void nbcp_skip(nbcp_decoder &d, size_t n) {
+NBCP_INLINE void nbcp_skip(nbcp_decoder &d, size_t n) {
     nbcp_advance(d, n);
+}
+
+// Copies n bytes with fixed-size moves (overlapping at the end): the string fields are a few
+// dozen bytes, where a variable-length copy costs more to start than to run.
+NBCP_INLINE void nbcp_copy_short(uint8_t *dst, const uint8_t *src, size_t n) {
+    if (n >= 16) {
+        for (size_t i = 0; i + 16 < n; i += 16) {
+            std::memcpy(dst + i, src + i, 16);
+        }
+        std::memcpy(dst + n - 16, src + n - 16, 16);
+    } else if (n >= 8) {
+        std::memcpy(dst, src, 8);
+        std::memcpy(dst + n - 8, src + n - 8, 8);
+    } else if (n >= 4) {
+        std::memcpy(dst, src, 4);
+        std::memcpy(dst + n - 4, src + n - 4, 4);
+    } else {
+        for (size_t i = 0; i < n; ++i) {
+            dst[i] = src[i];
+        }
+    }
 }
 
 // Reads a string value of len bytes into a field of cap bytes. The field is first cleared over
 // its current string length; then at most cap - 1 bytes are copied (no NUL is appended), so a
 // field that started zeroed stays NUL-terminated. The whole value is consumed either way, which
 // keeps the walk in step with the elements that follow.
-inline void nbcp_get_string(nbcp_decoder &d, size_t len, char *dst, size_t cap) {
+NBCP_INLINE void nbcp_get_string(nbcp_decoder &d, size_t len, char *dst, size_t cap) {
     if (cap == 0) {
         nbcp_skip(d, len);
         return;
@@ -140,7 +182,12 @@ inline void nbcp_get_string(nbcp_decoder &d, size_t len, char *dst, size_t cap) 
         std::memset(dst, 0, strnlen(dst, cap));
     }
     size_t kept = len < cap - 1 ? len : cap - 1;
-    nbcp_read(d, reinterpret_cast<uint8_t *>(dst), kept);
+    if (nbcp_fits(d, kept)) {
+        nbcp_copy_short(reinterpret_cast<uint8_t *>(dst), d.data + d.consumed, kept);
+        nbcp_advance(d, kept);
+    } else {
+        nbcp_read(d, reinterpret_cast<uint8_t *>(dst), kept);
+    }
     nbcp_skip(d, len - kept);
 }
 

@@ -10,6 +10,7 @@
 
 #include "core/discovery.h"
 #include "core/handlers.h"
+#include "core/recv_area.h"
 #include "core/tarn_main.h"
 #include "neighbor_test_util.h"
 #include "proto/nbcp.h"
@@ -21,6 +22,12 @@
 namespace {
 
 using namespace ntest;
+
+// The decode area a receive thread keeps from one datagram to the next.
+nbcp_decode_area &decode_area() {
+    static nbcp_decode_area *area = new nbcp_decode_area();
+    return *area;
+}
 
 const mac_addr A = mac(0x0a);
 const mac_addr B = mac(0x0b);
@@ -104,7 +111,7 @@ struct udp_pair {
     std::string deliver(const bytes &datagram) {
         sendto(peer, datagram.data(), datagram.size(), 0,
                reinterpret_cast<const sockaddr *>(&rx_addr), rx_len);
-        return logged([this] { nbcp_receive(rx, RECV_ADDR_IPV6); });
+        return logged([this] { nbcp_receive(rx, RECV_ADDR_IPV6, decode_area()); });
     }
 };
 
@@ -347,7 +354,7 @@ INSTANTIATE_TEST_SUITE_P(
         other_case{"one byte", {11}, "recv nbcp packet type:0\n"},
         other_case{"answer header only", {0, 0, 0, 11}, "recv nbcp packet type:11\n"}));
 
-// The decode area lives in the handler's frame: the largest kind must fit the receive thread's
+// The decode area lives in the receive thread's frame: the largest kind must fit the thread's
 // stack, with room for what the handler calls.
 TEST(ReceiveThreadStack, HoldsTheDecodeAreaOfTheLargestKind) {
     static udp_pair *pair;
@@ -363,7 +370,8 @@ TEST(ReceiveThreadStack, HoldsTheDecodeAreaOfTheLargestKind) {
     ASSERT_EQ(create_thread(
                   &thread,
                   [](void *) -> void * {
-                      nbcp_receive(pair->rx, RECV_ADDR_IPV6);
+                      nbcp_decode_area area;  // as in recv_thread's frame
+                      nbcp_receive(pair->rx, RECV_ADDR_IPV6, area);
                       done = true;
                       return nullptr;
                   },
@@ -528,7 +536,7 @@ TEST_P(ProbeAnswer, GoesToTheProberOnTheNbcpPort) {
         ssize_t sent = sendto(prober, probe.data(), probe.size(), 0,
                               reinterpret_cast<sockaddr *>(&to), to_len);
         int send_errno = errno;
-        nbcp_receive(daemon, RECV_ADDR_IPV6);
+        nbcp_receive(daemon, RECV_ADDR_IPV6, decode_area());
 
         pollfd p{prober_nbcp, POLLIN, 0};
         if (poll(&p, 1, 500) <= 0) {
@@ -614,7 +622,7 @@ TEST(ProbeAnswerThroughDaemonSocket, AnsweredAtTheSourceAddressPort32766) {
         // information tells where it was addressed.
         int on = 1;
         setsockopt(sock_recv_nbcp, IPPROTO_IP, IP_PKTINFO, &on, sizeof on);
-        nbcp_receive(sock_recv_nbcp, RECV_ADDR_IPV6);
+        nbcp_receive(sock_recv_nbcp, RECV_ADDR_IPV6, decode_area());
         pollfd p{sock_recv_nbcp, POLLIN, 0};
         if (poll(&p, 1, 500) <= 0) {
             return std::string("no answer");

@@ -5,11 +5,13 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <memory>
 #include <string>
 #include <thread>
 
 #include "core/discovery.h"
 #include "core/handlers.h"
+#include "core/recv_area.h"
 #include "neighbor/learning.h"
 #include "neighbor_test_util.h"
 #include "proto/nbcp.h"
@@ -44,6 +46,7 @@ std::string ip_of(int i) {
 
 // The receive thread's part: one datagram handled at a time, as the real thread does.
 void receive_side(driver_feed &feed, int nbcp_rx, int peer, const sockaddr_in &to) {
+    auto area = std::make_unique<nbcp_decode_area>();
     for (int i = 0; i < kEvents; ++i) {
         const int n = i % kMacs;
         feed.send_event(heard{mac(static_cast<uint8_t>(n)),
@@ -59,7 +62,7 @@ void receive_side(driver_feed &feed, int nbcp_rx, int peer, const sockaddr_in &t
             bytes answer = answer_of(mac(static_cast<uint8_t>(n)), i);
             sendto(peer, answer.data(), answer.size(), 0, reinterpret_cast<const sockaddr *>(&to),
                    sizeof to);
-            nbcp_receive(nbcp_rx, RECV_ADDR_IPV6);
+            nbcp_receive(nbcp_rx, RECV_ADDR_IPV6, *area);
         }
         if (i % 5 == 0) {
             feed.send_event(op_with_mac(6, mac(static_cast<uint8_t>((n * 7) % kMacs))));

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -1221,7 +1222,8 @@ std::vector<uint8_t> random_datagram(random_source &rnd) {
     uint8_t type = rnd.chance(90) ? types[rnd.below(sizeof types)] : rnd.u8();
     tlv_bytes t = tlv_bytes::message(type, rnd.u8());
     if (rnd.chance(30) || (type < 20 && type != 10 && type != 11)) {
-        std::vector<uint8_t> noise(rnd.below(400));
+        // Now and then long enough for a fixed layout to fill many entries of its lists.
+        std::vector<uint8_t> noise(rnd.chance(10) ? rnd.below(9000) : rnd.below(400));
         for (auto &b : noise) {
             b = rnd.chance(50) ? rnd.u8() : static_cast<uint8_t>(rnd.below(8));
         }
@@ -1264,6 +1266,39 @@ TEST(NbcpMsgReset, ParsesLikeAFullyClearedRecord) {
         ASSERT_EQ(clean->kind, dirty->kind);
         ASSERT_EQ(std::memcmp(&clean->m, &dirty->m, size), 0) << "type " << int(type);
     }
+}
+
+// The receive thread keeps one record and clears, before each decode, only the lines the
+// previous decode marked: after every datagram of a sequence the whole record must equal the
+// record that a full clear and the same decode give.
+TEST(NbcpTouched, ClearingWhatWasWrittenEqualsAFullClear) {
+    random_source rnd(1313);
+    auto kept = zeroed_msg();
+    auto reference = zeroed_msg();
+    nbcp_touched touched(kept.get());
+    for (int sequence = 0; sequence < 2000; ++sequence) {
+        for (uint32_t n = 1 + rnd.below(4); n > 0; --n) {
+            std::vector<uint8_t> dg = random_datagram(rnd);
+            touched.clear(kept.get());
+            std::memset(reference.get(), 0, sizeof(nbcp_msg));
+            ASSERT_EQ(nbcp_decode(dg.data(), dg.size(), kept.get(), &touched),
+                      nbcp_decode(dg.data(), dg.size(), reference.get()));
+            ASSERT_EQ(std::memcmp(kept.get(), reference.get(), sizeof(nbcp_msg)), 0)
+                << "sequence " << sequence << ", type " << int(dg[3]) << ", " << dg.size()
+                << " bytes";
+        }
+    }
+}
+
+// A short datagram of the largest kind writes its header fields and nothing of its lists.
+TEST(NbcpTouched, ShortKind5MarksOnlyItsHead) {
+    auto msg = zeroed_msg();
+    nbcp_touched touched(msg.get());
+    const std::vector<uint8_t> dg{0, 0, 0, 5, 0, 0, 0, 0, 0, 0, 0xff, 0xff};
+    nbcp_decode(dg.data(), dg.size(), msg.get(), &touched);
+    const size_t head = offsetof(nbcp_msg, m) + offsetof(nbcp_kind5, entries);
+    EXPECT_LE(touched.lines(), head / nbcp_touched::LINE + 2);
+    EXPECT_EQ(msg->m.kind5.value, 0xffff0000u);
 }
 
 TEST(NbcpMsgReset, ClearsOnlyTheSelectedRecord) {

@@ -16,7 +16,7 @@ Events are sent straight to the daemon's netlink port from AP 1's namespace, as 
 does. The end of each measurement is seen by polling AP 1's log file, so the figures include
 the daemon's debug logging (needed to see the moment) and up to ~0.1 ms of polling.
 
-    sudo lab/bench_discovery.py [--cycles 1000] [--peers 3] [--rounds 20] [--echo 1000]
+    sudo bench/bench_discovery.py [--cycles 1000] [--peers 3] [--rounds 20] [--echo 1000]
 """
 
 import argparse
@@ -29,7 +29,7 @@ import sys
 import threading
 import time
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "lab"))
 
 from tarnlab import drvproto  # noqa: E402
 from tarnlab import lab as labmod  # noqa: E402

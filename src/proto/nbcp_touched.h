@@ -1,0 +1,73 @@
+// The lines of a parse record that decoding wrote. The receive thread keeps one parse record for
+// its whole life and clears, before each decode, only the lines the previous decode wrote: the
+// record holds the largest kind (about 1.7 MiB), while most datagrams fill a few hundred bytes.
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+#include "proto/nbcp_records.h"
+
+class nbcp_touched {
+  public:
+    // Lines are aligned to addresses, not to the record, so that clearing one never reaches
+    // into a memory page the decode did not write.
+    static constexpr size_t LINE = 64;
+
+    // Tracks writes into *msg, whose bytes must all be zero now.
+    explicit nbcp_touched(const nbcp_msg *msg);
+
+    // Records that the n bytes at p (inside the record) were written.
+    void mark(const void *p, size_t n) {
+        const uintptr_t begin = reinterpret_cast<uintptr_t>(p) - base_;
+        const size_t first = begin / LINE;
+        const size_t last = (begin + n - 1) / LINE;  // n > 0 for every field
+        const size_t first_word = first / 64;
+        const size_t last_word = last / 64;
+        if (first_word == last_word) {  // the usual case: one mask for all the lines
+            words_[first_word] |= (~uint64_t{0} >> (63 - (last - first))) << (first % 64);
+        } else {
+            for (size_t line = first; line <= last; ++line) {
+                words_[line / 64] |= uint64_t{1} << (line % 64);
+            }
+        }
+        first_word_ = std::min(first_word_, first_word);
+        last_word_ = std::max(last_word_, last_word + 1);
+    }
+
+    // Zeroes every line written since the last clear (only the part inside the record) and
+    // forgets them: afterwards the whole record reads as zero again.
+    void clear(nbcp_msg *msg);
+
+    // Lines currently recorded as written.
+    size_t lines() const;
+
+  private:
+    static constexpr size_t LINES = sizeof(nbcp_msg) / LINE + 2;
+    static constexpr size_t WORDS = (LINES + 63) / 64;
+
+    uintptr_t base_;
+    std::array<uint64_t, WORDS> words_{};
+    size_t first_word_ = WORDS;
+    size_t last_word_ = 0;
+};
+
+// Marks obj as written (when writes are tracked) and hands it back for writing.
+template <typename T>
+inline T &nbcp_touch(nbcp_touched *touched, T &obj) {
+    if (touched != nullptr) {
+        touched->mark(&obj, sizeof obj);
+    }
+    return obj;
+}
+
+// The same for the first n bytes of obj.
+template <typename T>
+inline T &nbcp_touch_prefix(nbcp_touched *touched, T &obj, size_t n) {
+    if (touched != nullptr) {
+        touched->mark(&obj, n);
+    }
+    return obj;
+}
