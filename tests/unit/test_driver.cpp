@@ -158,6 +158,7 @@ TEST(DriverSendDeathTest, NoSocketGivesMinusOneAndErrorLog) {
 
 // Beacon refresh after the AP information: only with a wireless VAP (a link named athNN).
 TEST(DriverSendSandbox, BeaconRefreshOnlyWithWirelessVap) {
+    SKIP_WITHOUT_NETLINK();
     SKIP_UNLESS_ROOT();
     std::string result = sandbox::run_in_sandbox([] {
         DriverSink sink;
