@@ -55,9 +55,14 @@ void check_round_trip(const std::string &payload) {
     if (!decode_request(payload, request)) {
         return;
     }
-    std::string again = request.kind == "call"
-                            ? encode_call(request.name, request.method, request.json)
-                            : encode_send(request.name, request.json);
+    std::string again;
+    if (request.kind == "call") {
+        again = encode_call(request.name, request.method, request.json);
+    } else if (request.kind == "list") {
+        again = encode_list(request.name);
+    } else {
+        again = encode_send(request.name, request.json);
+    }
     FUZZ_CHECK(again == payload);
 }
 

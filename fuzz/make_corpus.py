@@ -181,6 +181,7 @@ BUS = {
     "reload": b"\x01" + frame(b"send\0userconfig.reload\0" +
                               json.dumps({"ModifiedConfig": ["static_neighbor.conf"]}).encode()),
     "too_large": b"\x02" + struct.pack(">I", 1 << 20),
+    "list": b"\x03" + frame(b"list\0tarn\0"),
 }
 
 SHOW = {
