@@ -29,12 +29,11 @@ sys.path.insert(0, LAB_DIR)
 from tarnlab import drvproto  # noqa: E402
 from tarnlab import lab as labmod  # noqa: E402
 from tarnlab import nsutil  # noqa: E402
+from tarnlab.nbcp import NBCP_PORT, PROBE, probe_answered  # noqa: E402
 
-NBCP_PORT = 32766
 TARN_SOCKET = "/tmp/socket/tarn_socket"
 NBCP_MAX = 65507  # the largest UDP payload
 LOCAL_MAX = 65535
-PROBE = bytes([0, 0, 0, 10]) + bytes(6)
 # A small quarantine keeps freed blocks from counting as memory in use (the default 256 MiB
 # would show as growth); use-after-free is still caught within it.
 QUARANTINE = "quarantine_size_mb=4"
@@ -103,24 +102,6 @@ def counters(ap):
     return json.loads(result.stdout)["Socket_rcvCount"]
 
 
-def probe_answered(prober, ap, timeout=5.0):
-    prober.setblocking(False)
-    with contextlib.suppress(BlockingIOError):
-        while True:
-            prober.recv(70000)  # answers to the soak's own probes
-    prober.sendto(PROBE, (ap.ip4, NBCP_PORT))
-    deadline = time.monotonic() + timeout
-    while (left := deadline - time.monotonic()) > 0:
-        prober.settimeout(left)
-        try:
-            data, source = prober.recvfrom(70000)
-        except socket.timeout:
-            break
-        if source[0] == ap.ip4 and len(data) > 3 and data[3] == 11:
-            return True
-    return False
-
-
 def soak(lab, rounds, rng):
     ap1, ap2 = lab.ap("ap1"), lab.ap("ap2")
     ap1.start_daemon([], env={"ASAN_OPTIONS": QUARANTINE + ":detect_leaks=1",
@@ -168,7 +149,7 @@ def soak(lab, rounds, rng):
                 longest_wait = max(longest_wait, time.monotonic() - began)
                 sent["local control"] += 1
         time.sleep(2.0)  # let the daemon drain its queues
-        answered = probe_answered(sender4, ap1)
+        answered = probe_answered(sender4, ap1.ip4)
         show = ap1.tarn("show", timeout=30)
         counted = counters(ap1)
         rss_after = rss_kib(pid)

@@ -12,28 +12,13 @@ import time
 import pytest
 
 from tarnlab.nsutil import netns_entered
-from tarnsys import CLIENT_PATH, LISTENING_LOG, NBCP_PORT
+from tarnlab.nbcp import NBCP_PORT, probe_answered
+from tarnsys import CLIENT_PATH, LISTENING_LOG
 
 REQUESTS = 40  # far beyond the default queue of 10 datagrams per receiving socket
-PROBE = bytes([0, 0, 0, 10]) + bytes(6)  # an ndrp header: every ndrp is answered
 HOSTILE_PATH = "/tmp/never_reads"
 STATIC = {"mac": "02:00:00:00:00:51", "ip": "10.99.0.51"}
 SEND_FAILED = "send packet failed,errno:11"  # EAGAIN: the answer was dropped, not waited for
-
-
-def probe_answered(lab, prober, target, timeout=5.0):
-    """True when target's daemon answers an ndrp that prober sends from port 32766."""
-    prober.sendto(PROBE, (target.ip4, NBCP_PORT))
-    deadline = time.monotonic() + timeout
-    while (left := deadline - time.monotonic()) > 0:
-        prober.settimeout(left)
-        try:
-            data, source = prober.recvfrom(70000)
-        except socket.timeout:
-            break
-        if source[0] == target.ip4 and len(data) > 3 and data[3] == 11:
-            return True
-    return False
 
 
 # Runs inside the AP: binds a socket at argv[1] that never reads and sends up to REQUESTS
@@ -94,7 +79,7 @@ def test_a_reader_that_never_reads_does_not_stall_the_receive_thread(make_lab, p
         mark = ap1.log_mark()
 
         with stuck_reader(ap1, path, op) as sent:
-            answered = probe_answered(lab, prober, ap1)
+            answered = probe_answered(prober, ap1.ip4)
             log = ap1.log_since(mark)
 
     assert answered, f"no answer to a probe after {sent} requests"
