@@ -1,22 +1,19 @@
-// The local socket: datagram helpers and the control messages the daemon receives on it.
+// The local socket: the datagram helpers, and the control messages the daemon receives on
+// "/tmp/socket/tarn_socket" with their effects and answers.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <array>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "core/handlers.h"
-#include "core/local_control.h"
 #include "core/local_msg.h"
 #include "core/settings.h"
 #include "driver_sink.h"
@@ -30,93 +27,41 @@
 
 namespace {
 
-// Local datagram helpers: binding over stale files, missing directories, unanswered sends.
-class LocalSocket : public testing::Test {
-  protected:
-    void SetUp() override {
-        char pattern[] = "/tmp/tarn-local-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        dir_ = pattern;
-    }
-    void TearDown() override {
-        std::string cmd = "rm -rf " + dir_;
-        ASSERT_EQ(system(cmd.c_str()), 0);
-        tarn_debug = 0;
-        unsetenv("TARN_LOG_STDERR");
-    }
-    std::string path(const char *name) const { return dir_ + "/" + name; }
-    std::string dir_;
-};
-
-TEST_F(LocalSocket, BindsOverAnExistingFileAndReceives) {
-    std::string sock_path = path("sock");
-    FILE *stale = fopen(sock_path.c_str(), "w");
-    ASSERT_NE(stale, nullptr);
-    fclose(stale);
-
-    int fd = -1;
-    ASSERT_EQ(InitSocket(&fd, sock_path.c_str()), 1);
-    struct stat st;
-    ASSERT_EQ(stat(sock_path.c_str(), &st), 0);
-    EXPECT_TRUE(S_ISSOCK(st.st_mode));
-    int sndbuf = 0;
-    socklen_t len = sizeof sndbuf;
-    ASSERT_EQ(getsockopt(fd, SOL_SOCKET, SO_SNDBUF, &sndbuf, &len), 0);
-    EXPECT_GE(sndbuf, 131070);  // the kernel reports twice the requested size
-
-    const char message[] = "hello";
-    send_local(message, sizeof message, sock_path.c_str());
-    char received[16] = {};
-    sockaddr_un from;
-    socklen_t from_len = 0;
-    ssize_t n = RecvMsg(fd, received, sizeof received, &from, &from_len, RECV_ADDR_LOCAL);
-    EXPECT_EQ(n, static_cast<ssize_t>(sizeof message));
-    EXPECT_STREQ(received, "hello");
-    EXPECT_EQ(from_len, 0u) << "the length variable is not written";
-    close(fd);
-}
-
-TEST_F(LocalSocket, LargestDatagramIsReadWholeAndLongerOnesAreCut) {
-    std::string sock_path = path("big");
-    int fd = -1;
-    ASSERT_EQ(InitSocket(&fd, sock_path.c_str()), 1);
-    std::string big(RECV_MAX, 'x');
-    send_local(big.data(), big.size(), sock_path.c_str());
-    sockaddr_un from;
-    socklen_t from_len = 0;
-    EXPECT_EQ(RecvMsg(fd, buffer, RECV_MAX, &from, &from_len, RECV_ADDR_LOCAL),
-              static_cast<ssize_t>(RECV_MAX));
-
-    int bigger_buf = 300000;
-    setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &bigger_buf, sizeof bigger_buf);
-    std::string longer(RECV_MAX + 100, 'y');
-    send_local(longer.data(), longer.size(), sock_path.c_str());
-    EXPECT_EQ(RecvMsg(fd, buffer, RECV_MAX, &from, &from_len, RECV_ADDR_LOCAL),
-              static_cast<ssize_t>(RECV_MAX));
-    close(fd);
-}
-
-TEST_F(LocalSocket, BindInMissingDirectoryFailsAndLogs) {
-    tarn_debug = 1;
-    setenv("TARN_LOG_STDERR", "1", 1);
-    int fd = -1;
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(InitSocket(&fd, path("missing/sock").c_str()), 0);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "InitSocket: Bind socket failed\n");
-}
-
-TEST_F(LocalSocket, SendToNobodyLogsErrnoAndReturns) {
-    tarn_debug = 1;
-    setenv("TARN_LOG_STDERR", "1", 1);
-    testing::internal::CaptureStderr();
-    send_local("x", 1, path("nobody").c_str());
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "send packet failed,errno:2\n");
-}
-
-// Local control messages as the daemon receives them on "/tmp/socket/tarn_socket": each
-// operation's effect on the settings, the table, the driver and the answers it sends.
-using static_env::contains;
 using bytes = std::vector<uint8_t>;
+
+// Binding over a stale file, the largest datagram read whole and a longer one cut, and the
+// failures that are only logged.
+TEST(LocalSocket, BindSendAndReceive) {
+    char dir[] = "/tmp/tarn-local-XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    std::string path = std::string(dir) + "/sock";
+    sandbox::write_file(path, "stale");
+    int fd = -1;
+    ASSERT_EQ(InitSocket(&fd, path.c_str()), 1);
+    int rcvbuf = 300000;
+    setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &rcvbuf, sizeof rcvbuf);
+    sockaddr_un from;
+    socklen_t from_len = 0;
+    for (size_t size : {size_t(5), RECV_MAX, RECV_MAX + 100}) {
+        std::string message(size, 'x');
+        send_local(message.data(), message.size(), path.c_str());
+        EXPECT_EQ(RecvMsg(fd, buffer, RECV_MAX, &from, &from_len, RECV_ADDR_LOCAL),
+                  static_cast<ssize_t>(std::min(size, RECV_MAX)));
+    }
+    close(fd);
+
+    setenv("TARN_LOG_STDERR", "1", 1);
+    tarn_debug = 1;
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(InitSocket(&fd, (std::string(dir) + "/missing/sock").c_str()), 0);
+    send_local("x", 1, (std::string(dir) + "/nobody").c_str());
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "InitSocket: Bind socket failed\nsend packet failed,errno:2\n");
+    tarn_debug = 0;
+    unsetenv("TARN_LOG_STDERR");
+    unlink(path.c_str());
+    rmdir(dir);
+}
 
 bytes message(uint16_t op, uint8_t value = 0, size_t len = LOCAL_MSG_HDR_LEN) {
     bytes out(std::max(len, LOCAL_MSG_HDR_LEN), 0);
@@ -126,9 +71,10 @@ bytes message(uint16_t op, uint8_t value = 0, size_t len = LOCAL_MSG_HDR_LEN) {
     return out;
 }
 
-bytes probe_message(uint32_t ip_host) {
+bytes probe_request(const char *ip) {
     bytes out = message(TARN_MSG_DUMP_IP, 0, 12);
-    memcpy(out.data() + 8, &ip_host, sizeof ip_host);
+    uint32_t host = ntohl(inet_addr(ip));
+    memcpy(out.data() + 8, &host, sizeof host);
     return out;
 }
 
@@ -136,292 +82,114 @@ void fill_table(int n) {
     std::lock_guard<std::mutex> guard(ngb_lock);
     for (int i = 0; i < n; ++i) {
         std::unique_ptr<neighbor_ap> entry = neighbor_ap_new();
-        entry->mac = {0x02, 0, 0, 0, static_cast<uint8_t>(i >> 8), static_cast<uint8_t>(i)};
-        entry->info.mac = entry->mac;
+        entry->mac = entry->info.mac = {0x02, 0, 0, 0, 0, static_cast<uint8_t>(i)};
         mac_addr mac = entry->mac;
         neighbor_ap_add(mac, entry);
     }
 }
 
-uint32_t table_count() {
-    std::lock_guard<std::mutex> guard(ngb_lock);
-    return table_cnt;
-}
-
-// Sends msg to the daemon's socket from a socket bound at from (or unbound) and lets the
-// daemon handle it, as the receive thread does when the socket is readable.
-void deliver(const bytes &msg, const char *from = nullptr) {
-    int client = from != nullptr ? static_env::bind_local(from) : socket(AF_UNIX, SOCK_DGRAM, 0);
-    sockaddr_un to{};
-    to.sun_family = AF_UNIX;
-    snprintf(to.sun_path, sizeof to.sun_path, "%s", TARN_SOCKET_PATH);
-    sendto(client, msg.data(), msg.size(), 0, reinterpret_cast<sockaddr *>(&to), sizeof to);
-    local_receive();
-    close(client);
-}
-
-// Sets up the daemon's side of the sandbox: its local socket, an empty table.
-std::string become_daemon() {
-    neighbor_table_init();
-    return InitSocket(&sock_recv_local, TARN_SOCKET_PATH) == 1 ? "" : "no local socket";
-}
-
-// The driver messages as "op:value" words.
-std::string driver_ops(DriverSink &driver) {
-    std::string out;
-    for (const bytes &m : driver.take_all()) {
-        out += (out.empty() ? "" : " ") + std::to_string(m[16]) + ":" + std::to_string(m[17]);
-    }
-    return out.empty() ? "-" : out;
-}
-
-// One datagram waiting at fd, or "" when none comes.
-bytes receive(int fd) {
+// A datagram waiting at fd, as hex when it is a bare header and as "list of n" when it is a
+// neighbor list, or "-" when none comes.
+std::string answer(int fd) {
     bytes data(70000);
-    ssize_t n = recv(fd, data.data(), data.size(), 0);
-    data.resize(n > 0 ? static_cast<size_t>(n) : 0);
-    return data;
-}
-
-std::string hex(const bytes &data) {
+    ssize_t n = recv(fd, data.data(), data.size(), MSG_DONTWAIT);
+    if (n <= 0) {
+        return "-";
+    }
+    data.resize(static_cast<size_t>(n));
     std::string out;
-    char two[4];
-    for (uint8_t b : data) {
-        snprintf(two, sizeof two, "%02x", b);
-        out += two;
-    }
-    return out;
-}
-
-// "op <op> n <entries> macs <last bytes of each MAC>" of a neighbor-list datagram.
-std::string list_summary(const bytes &data) {
-    if (data.size() < LOCAL_MSG_HDR_LEN) {
-        return "no list";
-    }
-    uint16_t op;
-    memcpy(&op, data.data() + 4, sizeof op);
-    std::array<ap_info, NGB_HASH_SIZE> entries{};
-    size_t n = nbcp_list_read(data.data(), data.size(), entries.data(), entries.size());
-    std::string out = "op " + std::to_string(op) + " n " + std::to_string(n) + " macs";
-    for (size_t i = 0; i < n; ++i) {
-        out += " " + std::to_string(entries[i].mac[5]);
-    }
-    return out;
-}
-
-TEST(LocalControl, GetRssiAnswersTheThresholdAtTheClientPath) {
-    SKIP_UNLESS_ROOT();
-    std::string seen = static_env::run([] {
-        std::string failure = become_daemon();
-        int client = static_env::bind_local(TARN_CLIENT_PATH);
-        deliver(message(TARN_MSG_GET_RSSI));
-        std::string out = hex(receive(client));
-        rssi_min = 44;
-        deliver(message(TARN_MSG_GET_RSSI, 9, 64));
-        out += " " + hex(receive(client));
-        std::string log = sandbox::log_text();
-        return failure + out + (contains(log, "buff:9,0,0,0,5,0,0,0\n") ? " buff" : "") +
-               (contains(log, "handle_recvmsg: operation=5\n") ? " op" : "");
-    });
-    EXPECT_EQ(seen, "0500000005000000 2c00000005000000 buff op");
-}
-
-TEST(LocalControl, SetRssiEmptiesTheTableAndTellsTheDriver) {
-    SKIP_WITHOUT_NETLINK();
-    SKIP_UNLESS_ROOT();
-    std::string seen = static_env::run([] {
-        DriverSink driver;
-        std::string out = become_daemon();
-        fill_table(3);
-        deliver(message(TARN_MSG_SET_RSSI, 44));
-        return out + std::to_string(table_count()) + " " + driver_ops(driver) + " rssi " +
-               std::to_string(rssi_min);
-    });
-    EXPECT_EQ(seen, "0 4:44 rssi 44");
-}
-
-TEST(LocalControl, SetVersionActsOnlyOnANewVersion) {
-    SKIP_WITHOUT_NETLINK();
-    SKIP_UNLESS_ROOT();
-    std::string seen = static_env::run([] {
-        DriverSink driver;
-        std::string out = become_daemon();
-        fill_table(3);
-        deliver(message(TARN_MSG_SET_VERSION, 1));  // the running version
-        out += "same: " + std::to_string(table_count()) + " " + driver_ops(driver) + " [" +
-               static_env::calls("uci") + "]";
-        deliver(message(TARN_MSG_SET_VERSION, 3));
-        out += " new: " + std::to_string(table_count()) + " " + driver_ops(driver) + " [" +
-               static_env::calls("uci") + "] version " + std::to_string(version);
-        return out;
-    });
-    EXPECT_EQ(seen,
-              "same: 3 - [] new: 0 1:3 4:5 [set tarn.config.version=3\ncommit tarn\n] version 3");
-}
-
-TEST(LocalControl, SetNeighborCountActsOnAChangeAndAcceptsAnyValue) {
-    SKIP_WITHOUT_NETLINK();
-    SKIP_UNLESS_ROOT();
-    std::string seen = static_env::run([] {
-        DriverSink driver;
-        std::string out = become_daemon();
-        fill_table(3);
-        deliver(message(TARN_MSG_SET_NGBR_NUM, 16));
-        out += std::to_string(table_count()) + " " + driver_ops(driver) + " max " +
-               std::to_string(max_ngbr_num);
-        fill_table(2);
-        deliver(message(TARN_MSG_SET_NGBR_NUM, 200));
-        out += " | " + std::to_string(table_count()) + " " + driver_ops(driver) + " max " +
-               std::to_string(max_ngbr_num);
-        fill_table(2);
-        deliver(message(TARN_MSG_SET_NGBR_NUM, 200));
-        out += " | " + std::to_string(table_count()) + " " + driver_ops(driver);
-        return out;
-    });
-    EXPECT_EQ(seen, "0 5:16 max 16 | 0 5:200 max 200 | 2 -");
-}
-
-TEST(LocalControl, DumpIpProbesTheGivenAddressWithMode3) {
-    SKIP_UNLESS_ROOT();
-    std::string seen = static_env::run([] {
-        std::string out = become_daemon();
-        sandbox::sh("ip addr add 10.0.0.5/32 dev lo");
-        int receiver = socket(AF_INET, SOCK_DGRAM, 0);
-        sockaddr_in at{};
-        at.sin_family = AF_INET;
-        at.sin_port = htons(NBCP_PORT);
-        at.sin_addr.s_addr = inet_addr("10.0.0.5");
-        bind(receiver, reinterpret_cast<sockaddr *>(&at), sizeof at);
-        timeval timeout{0, 300000};
-        setsockopt(receiver, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
-
-        deliver(probe_message(0));
-        deliver(message(TARN_MSG_DUMP_IP));  // the address is past the end: 0
-        out += "zero: " + std::to_string(receive(receiver).size());
-        deliver(probe_message(0x0A000005));
-        bytes probe = receive(receiver);
-        out += " 10.0.0.5: " + std::to_string(probe.size()) + " type " +
-               std::to_string(probe.size() > 3 ? probe[3] : -1) + " mode " +
-               std::to_string(probe.size() > 19 ? probe[19] : -1);
-        std::string log = sandbox::log_text();
-        out += " logs " + std::to_string(static_env::occurrences(log, "dump ip :0\n")) + " " +
-               std::to_string(static_env::occurrences(log, "dump ip :a000005\n"));
-        return out;
-    });
-    EXPECT_EQ(seen, "zero: 0 10.0.0.5: 60 type 10 mode 3 logs 2 1");
-}
-
-// Add and delete MAC are silent; unknown operations are only logged. Neither answers or
-// changes the table, the static list or the driver.
-TEST(LocalControl, IgnoredOperationsAnswerAndChangeNothing) {
-    SKIP_UNLESS_ROOT();
-    std::string seen = static_env::run([] {
-        DriverSink driver;
-        std::string out = become_daemon();
-        int client = static_env::bind_local(TARN_CLIENT_PATH, 100);
-        fill_table(2);
-        static_mac_add("00:00:00:00:00:01", nullptr, nullptr);
-        std::string list_before = static_env::list_text();
-        deliver(message(TARN_MSG_ADD_MAC, 0, LOCAL_MSG_HDR_LEN + sizeof(ap_info)));
-        deliver(message(TARN_MSG_DEL_MAC, 0, LOCAL_MSG_HDR_LEN + sizeof(ap_info)));
-        deliver(message(0));
-        deliver(message(TARN_MSG_LIST_REPLY));
-        deliver(message(13));
-        deliver(message(TARN_MSG_GET_RSSI, 0, 4));  // op missing: 0
-        std::string log = sandbox::log_text();
-        for (const char *op : {"0", "51", "13", "6", "7"}) {
-            out += std::to_string(static_env::occurrences(
-                       log, std::string("unknow msg type:") + op + "!!!\n")) +
-                   " ";
+    if (n == LOCAL_MSG_HDR_LEN) {
+        for (uint8_t b : data) {
+            out += "0123456789abcdef"[b >> 4];
+            out += "0123456789abcdef"[b & 15];
         }
-        return out + std::to_string(receive(client).size()) + " " + std::to_string(table_count()) +
-               " " + driver_ops(driver) +
-               (static_env::list_text() == list_before ? " list kept" : " list changed");
-    });
-    EXPECT_EQ(seen, "2 1 1 0 0 0 2 - list kept");
+        return out;
+    }
+    std::array<ap_info, NGB_HASH_SIZE> entries{};
+    size_t count = nbcp_list_read(data.data(), data.size(), entries.data(), entries.size());
+    return "op " + std::to_string(data[4]) + " list of " + std::to_string(count);
 }
 
-TEST(LocalControl, FieldsPastTheEndOfAShortMessageReadAsZero) {
-    SKIP_UNLESS_ROOT();
-    std::string seen = static_env::run([] {
-        std::string out = become_daemon();
-        int client = static_env::bind_local(TARN_CLIENT_PATH);
-        // Byte 5 holds 1 but lies past the 5 bytes of the message: the op is 5, not 261.
-        const uint8_t msg[6] = {0, 0, 0, 0, 5, 1};
-        handle_recvmsg(msg, 5, nullptr);
-        out += std::to_string(receive(client).size());
-        handle_recvmsg(nullptr, 0, nullptr);
-        return out +
-               (contains(sandbox::log_text(), "unknow msg type:0!!!\n") ? " null unknown" : "");
-    });
-    EXPECT_EQ(seen, "8 null unknown");
-}
+struct control_step {
+    bytes msg;
+    int fill;          // entries put into the table before the message
+    const char *from;  // the sender's bound path, or none
+    std::string expected;
+};
 
-TEST(LocalControl, ListRequestsAnswerAtTheirPaths) {
+// One daemon through a sequence of requests: after each, what was answered at the client
+// path (or the sender's path), the table size and the driver messages ("op:value").
+TEST(LocalControl, RequestsEffectsAndAnswers) {
     SKIP_WITHOUT_NETLINK();
     SKIP_UNLESS_ROOT();
-    std::string seen = static_env::run([] {
+    const control_step steps[] = {
+        {message(TARN_MSG_GET_RSSI), 0, nullptr, "0500000005000000 0 -"},
+        {message(TARN_MSG_SET_RSSI, 44), 3, nullptr, "- 0 4:44"},
+        {message(TARN_MSG_GET_RSSI, 9, 64), 0, nullptr, "2c00000005000000 0 -"},
+        {message(TARN_MSG_GET_RSSI, 0, 5), 0, nullptr,
+         "2c00000005000000 0 -"},                                 // op's high byte cut
+        {message(TARN_MSG_SET_VERSION, 1), 3, nullptr, "- 3 -"},  // the running version
+        {message(TARN_MSG_SET_VERSION, 3), 0, nullptr, "- 0 1:3 4:44"},
+        {message(TARN_MSG_SET_NGBR_NUM, 16), 2, nullptr, "- 0 5:16"},
+        {message(TARN_MSG_SET_NGBR_NUM, 200), 2, nullptr, "- 0 5:200"},
+        {message(TARN_MSG_SET_NGBR_NUM, 200), 2, nullptr, "- 2 -"},
+        // Accepted and ignored, unknown, or with the op cut off: nothing happens.
+        {message(TARN_MSG_ADD_MAC, 0, LOCAL_MSG_HDR_LEN + sizeof(ap_info)), 0, nullptr, "- 2 -"},
+        {message(TARN_MSG_DEL_MAC, 0, LOCAL_MSG_HDR_LEN + sizeof(ap_info)), 0, nullptr, "- 2 -"},
+        {message(TARN_MSG_LIST_REPLY), 0, nullptr, "- 2 -"},
+        {message(13), 0, nullptr, "- 2 -"},
+        {message(TARN_MSG_GET_RSSI, 0, 4), 0, nullptr, "- 2 -"},
+        // The lists: the table and the one static neighbor.
+        {message(TARN_MSG_DUMP_NGBR), 0, nullptr, "op 51 list of 3 2 -"},
+        {message(TARN_MSG_DUMP_STATIC), 0, nullptr, "op 51 list of 1 2 -"},
+        {message(TARN_MSG_NGBR_INFO), 0, "/tmp/requester", "op 51 list of 3 2 2:0"},
+        {message(TARN_MSG_NGBR_INFO), 0, nullptr, "- 2 2:0"},
+    };
+    std::string seen = static_env::run([&steps] {
         DriverSink driver;
-        std::string out = become_daemon();
-        fill_table(2);  // MACs ending 0 and 1
+        neighbor_table_init();
+        if (InitSocket(&sock_recv_local, TARN_SOCKET_PATH) != 1) {
+            return std::string("no local socket");
+        }
         static_mac_add("00:00:00:00:00:07", "127.0.0.7", nullptr);
         int client = static_env::bind_local(TARN_CLIENT_PATH);
-        int cluster = static_env::bind_local(CLUSTER_NEIGHBOR_DUMP_PATH);
-        driver.take_all();
-
-        deliver(message(TARN_MSG_DUMP_NGBR));
-        out += "2: " + list_summary(receive(client));
-        deliver(message(TARN_MSG_DUMP_CLUSTER));
-        out += " | 3: " + list_summary(receive(cluster));
-        deliver(message(TARN_MSG_DUMP_STATIC));
-        out += " | 8: " + list_summary(receive(client));
-        {
-            // The requester of operation 1 is answered at the path it sends from.
-            int from = static_env::bind_local("/tmp/requester");
-            sockaddr_un to{};
-            to.sun_family = AF_UNIX;
+        std::string out;
+        for (const control_step &s : steps) {
+            fill_table(s.fill);
+            int from =
+                s.from != nullptr ? static_env::bind_local(s.from) : socket(AF_UNIX, SOCK_DGRAM, 0);
+            sockaddr_un to{AF_UNIX, {}};
             snprintf(to.sun_path, sizeof to.sun_path, "%s", TARN_SOCKET_PATH);
-            bytes msg = message(TARN_MSG_NGBR_INFO);
-            sendto(from, msg.data(), msg.size(), 0, reinterpret_cast<sockaddr *>(&to), sizeof to);
+            sendto(from, s.msg.data(), s.msg.size(), 0, reinterpret_cast<sockaddr *>(&to),
+                   sizeof to);
             local_receive();
-            out += " | 1: " + list_summary(receive(from)) + " driver " + driver_ops(driver);
+            std::string driver_ops;
+            for (const bytes &m : driver.take_all()) {
+                driver_ops += (driver_ops.empty() ? "" : " ") + std::to_string(m[16]) + ":" +
+                              std::to_string(m[17]);
+            }
+            std::lock_guard<std::mutex> guard(ngb_lock);
+            out += answer(s.from != nullptr ? from : client) + " " + std::to_string(table_cnt) +
+                   " " + (driver_ops.empty() ? "-" : driver_ops) + "\n";
             close(from);
         }
-        std::string log = sandbox::log_text();
-        out += contains(log, "dump tarn ngbr info!!!\n") &&
-                       contains(log, "dump cluster ngbr info!!!\n") &&
-                       contains(log, "tarn ngbr info!!!\n")
-                   ? " logged"
-                   : " not logged";
-        return out;
+        return out + static_env::calls("uci");
     });
-    EXPECT_EQ(seen,
-              "2: op 51 n 3 macs 0 1 7 | 3: op 51 n 3 macs 0 1 7 | 8: op 51 n 1 macs 7 | "
-              "1: op 51 n 3 macs 0 1 7 driver 2:0 logged");
+    std::string expected;
+    for (const control_step &s : steps) {
+        expected += s.expected + "\n";
+    }
+    EXPECT_EQ(seen, expected + "set tarn.config.version=3\ncommit tarn\n");
 }
 
-TEST(LocalControl, NeighborInfoFromAnUnboundSenderIsDropped) {
-    SKIP_WITHOUT_NETLINK();
+// The probes of operations 10 and 9 leave with mode 3; a zero address is not probed.
+TEST(LocalControl, DumpIpAndStaticUpdateProbeWithMode3) {
     SKIP_UNLESS_ROOT();
     std::string seen = static_env::run([] {
-        DriverSink driver;
-        std::string out = become_daemon();
-        deliver(message(TARN_MSG_NGBR_INFO));
-        return out + driver_ops(driver) +
-               (contains(sandbox::log_text(), "send packet failed,errno:") ? " send failed" : "");
-    });
-    EXPECT_EQ(seen, "2:0 send failed");
-}
-
-TEST(LocalControl, UpdateStaticRunsThePass) {
-    SKIP_UNLESS_ROOT();
-    std::string seen = static_env::run([] {
-        std::string out = become_daemon();
+        neighbor_table_init();
+        InitSocket(&sock_recv_local, TARN_SOCKET_PATH);
         int receiver = socket(AF_INET, SOCK_DGRAM, 0);
-        sockaddr_in at{};
-        at.sin_family = AF_INET;
-        at.sin_port = htons(NBCP_PORT);
-        at.sin_addr.s_addr = inet_addr("127.0.0.7");
+        sockaddr_in at{AF_INET, htons(NBCP_PORT), {INADDR_ANY}, {}};
         bind(receiver, reinterpret_cast<sockaddr *>(&at), sizeof at);
         timeval timeout{0, 300000};
         setsockopt(receiver, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
@@ -432,13 +200,27 @@ TEST(LocalControl, UpdateStaticRunsThePass) {
             node->info.state = AP_STATE_STATIC_ACTIVE;
             static_member_push(node);
         }
-        deliver(message(TARN_MSG_UPDATE_STATIC));
-        bytes probe = receive(receiver);
-        return out + std::to_string(probe.size()) + " mode " +
-               std::to_string(probe.size() > 19 ? probe[19] : -1) + " state " +
-               std::to_string(static_member_list.head->info.state);
+        std::string out;
+        for (const bytes &msg : {probe_request("0.0.0.0"), message(TARN_MSG_DUMP_IP),
+                                 probe_request("127.0.0.5"), message(TARN_MSG_UPDATE_STATIC)}) {
+            int from = socket(AF_UNIX, SOCK_DGRAM, 0);
+            sockaddr_un to{AF_UNIX, {}};
+            snprintf(to.sun_path, sizeof to.sun_path, "%s", TARN_SOCKET_PATH);
+            sendto(from, msg.data(), msg.size(), 0, reinterpret_cast<sockaddr *>(&to), sizeof to);
+            close(from);
+            local_receive();
+            bytes probe(100);
+            sockaddr_in source{};
+            socklen_t len = sizeof source;
+            ssize_t n = recvfrom(receiver, probe.data(), probe.size(), 0,
+                                 reinterpret_cast<sockaddr *>(&source), &len);
+            out += n < 20 ? "none; "
+                          : std::to_string(n) + " bytes type " + std::to_string(probe[3]) +
+                                " mode " + std::to_string(probe[19]) + "; ";
+        }
+        return out + "static state " + std::to_string(static_member_list.head->info.state);
     });
-    EXPECT_EQ(seen, "60 mode 3 state 4");
+    EXPECT_EQ(seen, "none; none; 60 bytes type 10 mode 3; 60 bytes type 10 mode 3; static state 4");
 }
 
 }  // namespace
