@@ -1,4 +1,5 @@
-// The command line: sub-command words, their range checks and messages, daemon options.
+// The command line: one table of the accepted and refused forms, sub-commands and daemon
+// options, with what each decides, stores and prints.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -11,94 +12,43 @@ namespace {
 
 struct parsed {
     cmdline_decision decision;
-    std::string output;
+    std::string printed;
+    std::string logged;
 };
 
-void reset_settings() {
+parsed parse(std::vector<std::string> words) {
     version = VERSION_DEFAULT;
     rssi_min = RSSI_MIN_DEFAULT;
     max_ngbr_num = MAX_NGBR_NUM_DEFAULT;
     tarn_debug = 0;
-}
-
-parsed parse(std::vector<std::string> words) {
-    reset_settings();
     words.insert(words.begin(), "/usr/sbin/tarn");
     std::vector<char *> argv;
     for (auto &word : words) {
         argv.push_back(word.data());
     }
     argv.push_back(nullptr);
+    setenv("TARN_LOG_STDERR", "1", 1);
     testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();  // getopt's complaints and the debug log
     cmdline_decision decision = parse_cmdline(static_cast<int>(words.size()), argv.data());
-    return {decision, testing::internal::GetCapturedStdout()};
+    std::string printed = testing::internal::GetCapturedStdout();
+    return {decision, printed, testing::internal::GetCapturedStderr()};
 }
 
-const std::string RSSI_MESSAGE = "error arg, please input a  number  in  1-200 !\n";
-const std::string VERSION_MESSAGE = "error arg, please input a number in 1-255 !\n";
-const std::string COUNT_MESSAGE = "invalid arg, allowed max dynamic neighbor is 16-64\n";
-
-struct client_case {
-    std::vector<std::string> words;
-    cmdline_outcome outcome;
-    client_request request;  // when outcome is client
-    int value;               // when outcome is client
-    std::string output;
-};
-
-class ClientWords : public testing::TestWithParam<client_case> {};
-
-TEST_P(ClientWords, DecideRequestValueAndMessage) {
-    const client_case &c = GetParam();
-    parsed p = parse(c.words);
-    EXPECT_EQ(p.decision.outcome, c.outcome);
-    EXPECT_EQ(p.output, c.output);
-    if (c.outcome == cmdline_outcome::client) {
-        EXPECT_EQ(p.decision.request, c.request);
-        EXPECT_EQ(p.decision.value, c.value);
-    } else {
-        EXPECT_EQ(p.decision.exit_status, 0);
-    }
+// "client <request> <value>", "daemon" or "exit <status>", then the settings.
+std::string decided(const cmdline_decision &d) {
+    std::string out =
+        d.outcome == cmdline_outcome::client
+            ? "client " + std::to_string(int(d.request)) + " " + std::to_string(d.value)
+        : d.outcome == cmdline_outcome::run_daemon ? "daemon"
+                                                   : "exit " + std::to_string(d.exit_status);
+    return out + " | V" + std::to_string(version) + " R" + std::to_string(rssi_min) + " n" +
+           std::to_string(max_ngbr_num) + (tarn_debug != 0 ? " D" : "");
 }
 
-using O = cmdline_outcome;
-using R = client_request;
-
-INSTANTIATE_TEST_SUITE_P(
-    Grammar, ClientWords,
-    testing::Values(client_case{{"set", "rssi", "0"}, O::exit_now, R::show, 0, RSSI_MESSAGE},
-                    client_case{{"set", "rssi", "201"}, O::exit_now, R::show, 0, RSSI_MESSAGE},
-                    client_case{{"set", "rssi", "200"}, O::client, R::set_rssi, 200, ""},
-                    client_case{{"set", "rssi", "1"}, O::client, R::set_rssi, 1, ""},
-                    // 300 is kept in 8 bits before the check: 44.
-                    client_case{{"set", "rssi", "300"}, O::client, R::set_rssi, 44, ""},
-                    client_case{{"set", "rssi", "abc"}, O::exit_now, R::show, 0, RSSI_MESSAGE},
-                    client_case{{"set", "rssi"}, O::client, R::set_rssi, 5, ""},
-                    client_case{{"set", "V", "3"}, O::client, R::set_version, 3, ""},
-                    client_case{{"set", "V", "256"}, O::exit_now, R::show, 0, VERSION_MESSAGE},
-                    client_case{{"set", "V", "257"}, O::client, R::set_version, 1, ""},
-                    client_case{{"set", "V"}, O::exit_now, R::show, 0, VERSION_MESSAGE},
-                    client_case{{"set", "count", "32"}, O::client, R::set_count, 32, ""},
-                    client_case{{"set", "count", "16"}, O::client, R::set_count, 16, ""},
-                    client_case{{"set", "count", "64"}, O::client, R::set_count, 64, ""},
-                    client_case{{"set", "count", "15"}, O::exit_now, R::show, 0, COUNT_MESSAGE},
-                    client_case{{"set", "count", "65"}, O::exit_now, R::show, 0, COUNT_MESSAGE},
-                    client_case{{"set", "count", "272"}, O::client, R::set_count, 16, ""},
-                    client_case{{"set", "count"}, O::exit_now, R::show, 0, COUNT_MESSAGE},
-                    client_case{{"set", "foo"}, O::exit_now, R::show, 0, ""},
-                    client_case{{"set"}, O::exit_now, R::show, 0, ""},
-                    client_case{{"set", "RSSI", "10"}, O::exit_now, R::show, 0, ""},
-                    client_case{{"get", "rssi"}, O::client, R::get_rssi, 0, ""},
-                    client_case{{"get", "foo"}, O::exit_now, R::show, 0, ""},
-                    client_case{{"get"}, O::exit_now, R::show, 0, ""},
-                    client_case{{"static", "update"}, O::client, R::static_update, 0, ""},
-                    client_case{{"static"}, O::exit_now, R::show, 0, ""},
-                    client_case{{"show"}, O::client, R::show, SHOW_WIRELESS, ""},
-                    client_case{{"show", "cluster"}, O::client, R::show, SHOW_CLUSTER, ""},
-                    client_case{{"show", "ubus"}, O::client, R::show, SHOW_UBUS, ""},
-                    client_case{{"show", "neighbor"}, O::client, R::show, SHOW_NEIGHBOR, ""},
-                    client_case{{"show", "xyz"}, O::client, R::show, SHOW_WIRELESS, ""}));
-
+const std::string RSSI = "error arg, please input a  number  in  1-200 !\n";
+const std::string VERSION = "error arg, please input a number in 1-255 !\n";
+const std::string COUNT = "invalid arg, allowed max dynamic neighbor is 16-64\n";
 const std::string USAGE =
     "Usage: /usr/sbin/tarn [-h] [-D] [-V version] [-n num] [-R rssi]\n\n"
     "Options: Description (default value)\n"
@@ -115,75 +65,89 @@ const std::string USAGE =
     "  tarn set count xxx  (set tarn max dynamic neighbor)\n"
     "  tarn get rssi (get rssi info)\n";
 
-struct option_case {
+const std::string DEFAULTS = " | V1 R5 n64";
+
+struct form {
     std::vector<std::string> words;
-    cmdline_outcome outcome;
-    std::string output;
-    int version, rssi, count, debug;  // settings after the parse
+    std::string decided;
+    std::string printed;
 };
 
-class DaemonOptions : public testing::TestWithParam<option_case> {};
+// Requests: 0 set rssi, 1 set V, 2 set count, 3 get rssi, 4 static update, 5 show (the value
+// is the show kind). Numbers are cut to 8 bits before the range check. The settings matter for
+// the daemon's options only: a form without them is compared without them.
+const form FORMS[] = {
+    {{}, "daemon" + DEFAULTS, ""},
+    {{"set", "rssi", "1"}, "client 0 1", ""},
+    {{"set", "rssi", "200"}, "client 0 200", ""},
+    {{"set", "rssi", "300"}, "client 0 44", ""},
+    {{"set", "rssi"}, "client 0 5", ""},
+    {{"set", "rssi", "0"}, "exit 0", RSSI},
+    {{"set", "rssi", "201"}, "exit 0", RSSI},
+    {{"set", "rssi", "abc"}, "exit 0", RSSI},
+    {{"set", "V", "3"}, "client 1 3", ""},
+    {{"set", "V", "257"}, "client 1 1", ""},
+    {{"set", "V", "256"}, "exit 0", VERSION},
+    {{"set", "V"}, "exit 0", VERSION},
+    {{"set", "count", "16"}, "client 2 16", ""},
+    {{"set", "count", "64"}, "client 2 64", ""},
+    {{"set", "count", "272"}, "client 2 16", ""},
+    {{"set", "count", "15"}, "exit 0", COUNT},
+    {{"set", "count", "65"}, "exit 0", COUNT},
+    {{"set", "count"}, "exit 0", COUNT},
+    {{"set", "RSSI", "10"}, "exit 0", ""},
+    {{"set"}, "exit 0", ""},
+    {{"get", "rssi"}, "client 3 0", ""},
+    {{"get", "foo"}, "exit 0", ""},
+    {{"static", "update"}, "client 4 0", ""},
+    {{"static"}, "exit 0", ""},
+    {{"show"}, "client 5 0", ""},
+    {{"show", "cluster"}, "client 5 1", ""},
+    {{"show", "ubus"}, "client 5 2", ""},
+    {{"show", "neighbor"}, "client 5 3", ""},
+    {{"show", "xyz"}, "client 5 0", ""},
+    {{"-h"}, "exit 0" + DEFAULTS, USAGE},
+    {{"-x"}, "exit 0" + DEFAULTS, USAGE},
+    {{"-V"}, "exit 0" + DEFAULTS, USAGE},
+    {{"-D"}, "daemon" + DEFAULTS + " D", ""},
+    {{"-V", "7"}, "daemon | V7 R5 n64", ""},
+    {{"-V", "257"}, "daemon" + DEFAULTS, ""},
+    {{"-V", "0"}, "exit 0 | V0 R5 n64", ""},
+    {{"-V", "256"}, "exit 0 | V0 R5 n64", ""},
+    {{"-n", "16"}, "daemon | V1 R5 n16", ""},
+    {{"-n", "15"}, "exit 0 | V1 R5 n15", ""},
+    {{"-n", "65"}, "exit 0 | V1 R5 n65", ""},
+    {{"-R", "0"}, "daemon | V1 R0 n64", ""},
+    {{"-D", "-R", "300", "-n", "32"}, "daemon | V1 R44 n32 D", ""},
+    // A stray word ends option parsing: what follows it is not read.
+    {{"stray", "-D", "-V", "9"}, "daemon" + DEFAULTS, ""},
+    {{"-D", "stray", "-V", "9"}, "daemon" + DEFAULTS + " D", ""},
+};
 
-TEST_P(DaemonOptions, SettingsAndOutcome) {
-    const option_case &c = GetParam();
-    testing::internal::CaptureStderr();  // getopt's own complaints
-    parsed p = parse(c.words);
-    testing::internal::GetCapturedStderr();
-    EXPECT_EQ(p.decision.outcome, c.outcome);
-    EXPECT_EQ(p.output, c.output);
-    EXPECT_EQ(version, c.version);
-    EXPECT_EQ(rssi_min, c.rssi);
-    EXPECT_EQ(max_ngbr_num, c.count);
-    EXPECT_EQ(tarn_debug, c.debug);
+TEST(Cmdline, AcceptedAndRefusedForms) {
+    for (const form &f : FORMS) {
+        std::string line;
+        for (const std::string &w : f.words) {
+            line += w + " ";
+        }
+        SCOPED_TRACE(line);
+        parsed p = parse(f.words);
+        std::string got = decided(p.decision);
+        if (f.decided.find(" | ") == std::string::npos) {
+            got.resize(got.find(" | "));
+        }
+        EXPECT_EQ(got, f.decided);
+        EXPECT_EQ(p.printed, f.printed);
+        EXPECT_EQ(p.decision.had_arguments, !f.words.empty());
+    }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Getopt, DaemonOptions,
-    testing::Values(option_case{{"-h"}, O::exit_now, USAGE, 1, 5, 64, 0},
-                    option_case{{"-x"}, O::exit_now, USAGE, 1, 5, 64, 0},
-                    option_case{{"-V"}, O::exit_now, USAGE, 1, 5, 64, 0},
-                    option_case{{"-D"}, O::run_daemon, "", 1, 5, 64, 1},
-                    option_case{{"-V", "0"}, O::exit_now, "", 0, 5, 64, 0},
-                    option_case{{"-V", "256"}, O::exit_now, "", 0, 5, 64, 0},
-                    option_case{{"-V", "257"}, O::run_daemon, "", 1, 5, 64, 0},
-                    option_case{{"-V", "7"}, O::run_daemon, "", 7, 5, 64, 0},
-                    option_case{{"-n", "15"}, O::exit_now, "", 1, 5, 15, 0},
-                    option_case{{"-n", "16"}, O::run_daemon, "", 1, 5, 16, 0},
-                    option_case{{"-n", "64"}, O::run_daemon, "", 1, 5, 64, 0},
-                    option_case{{"-n", "65"}, O::exit_now, "", 1, 5, 65, 0},
-                    option_case{{"-R", "6"}, O::run_daemon, "", 1, 6, 64, 0},
-                    option_case{{"-R", "0"}, O::run_daemon, "", 1, 0, 64, 0},
-                    option_case{{"-D", "-R", "300", "-n", "32"}, O::run_daemon, "", 1, 44, 32, 1},
-                    // A stray word ends option parsing: what follows it is not read.
-                    option_case{{"stray", "-D", "-V", "9"}, O::run_daemon, "", 1, 5, 64, 0},
-                    option_case{{"-D", "stray", "-V", "9"}, O::run_daemon, "", 1, 5, 64, 1}));
-
-TEST(DaemonOptions, NoArgumentIsTheDaemonWithDefaults) {
-    parsed p = parse({});
-    EXPECT_EQ(p.decision.outcome, O::run_daemon);
-    EXPECT_FALSE(p.decision.had_arguments);
-    EXPECT_EQ(version, 1);
-    EXPECT_EQ(rssi_min, 5);
-    EXPECT_EQ(max_ngbr_num, 64);
-    EXPECT_EQ(tarn_debug, 0);
-}
-
-TEST(DaemonOptions, RefusedValueIsLoggedOnlyWhenDebugCameFirst) {
-    setenv("TARN_LOG_STDERR", "1", 1);
-    testing::internal::CaptureStderr();
-    parse({"-D", "-V", "0"});
-    std::string with_debug_first = testing::internal::GetCapturedStderr();
-    testing::internal::CaptureStderr();
-    parse({"-V", "0", "-D"});
-    std::string with_debug_after = testing::internal::GetCapturedStderr();
-    testing::internal::CaptureStderr();
-    parse({"-D", "-n", "65"});
-    std::string count_refused = testing::internal::GetCapturedStderr();
+TEST(Cmdline, RefusedOptionValueIsLoggedOnlyWhenDebugCameFirst) {
+    EXPECT_EQ(parse({"-D", "-V", "0"}).logged, "invalid arg -V, please input a number in 1-255!\n");
+    EXPECT_EQ(parse({"-V", "0", "-D"}).logged, "");
+    EXPECT_EQ(parse({"-D", "-n", "65"}).logged,
+              "invalid arg -n,allowed max dynamic neighbor is 16-64\n");
     unsetenv("TARN_LOG_STDERR");
-
-    EXPECT_EQ(with_debug_first, "invalid arg -V, please input a number in 1-255!\n");
-    EXPECT_EQ(with_debug_after, "");
-    EXPECT_EQ(count_refused, "invalid arg -n,allowed max dynamic neighbor is 16-64\n");
 }
 
 }  // namespace

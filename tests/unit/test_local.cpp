@@ -1,4 +1,5 @@
-// The local socket: the datagram helpers, and the control messages the daemon receives on
+// The local socket: the datagram helpers, the shared receive buffer, and the control messages the
+// daemon receives on
 // "/tmp/socket/tarn_socket" with their effects and answers.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
@@ -8,13 +9,16 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cstring>
+#include <random>
 #include <string>
 #include <vector>
 
 #include "core/handlers.h"
 #include "core/local_msg.h"
+#include "core/recv_area.h"
 #include "core/settings.h"
 #include "driver_sink.h"
 #include "neighbor/neighbor_table.h"
@@ -42,10 +46,11 @@ TEST(LocalSocket, BindSendAndReceive) {
     setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &rcvbuf, sizeof rcvbuf);
     sockaddr_un from;
     socklen_t from_len = 0;
+    std::vector<char> received(RECV_MAX);
     for (size_t size : {size_t(5), RECV_MAX, RECV_MAX + 100}) {
         std::string message(size, 'x');
         send_local(message.data(), message.size(), path.c_str());
-        EXPECT_EQ(RecvMsg(fd, buffer, RECV_MAX, &from, &from_len, RECV_ADDR_LOCAL),
+        EXPECT_EQ(RecvMsg(fd, received.data(), RECV_MAX, &from, &from_len, RECV_ADDR_LOCAL),
                   static_cast<ssize_t>(std::min(size, RECV_MAX)));
     }
     close(fd);
@@ -61,6 +66,31 @@ TEST(LocalSocket, BindSendAndReceive) {
     unsetenv("TARN_LOG_STDERR");
     unlink(path.c_str());
     rmdir(dir);
+}
+
+// The shared receive buffer is cleared over the bytes each datagram brought, not over all of
+// it: across random datagram sizes it must read exactly as a full clear leaves it.
+TEST(LocalSocket, ReceivedDatagramLeavesTheBufferAsAFullClear) {
+    int pair[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, pair), 0);
+    int size = 1 << 20;
+    setsockopt(pair[0], SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
+    setsockopt(pair[1], SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
+    std::mt19937 gen(77);
+    bytes expected(RECV_BUFFER_SIZE);
+    for (int i = 0; i < 3000; ++i) {
+        bytes dg(gen() % 10 == 0 ? gen() % (RECV_MAX + 1) : gen() % 600);
+        std::generate(dg.begin(), dg.end(), [&gen] { return uint8_t(gen() | 1); });  // never 0
+        ASSERT_EQ(send(pair[0], dg.data(), dg.size(), 0), static_cast<ssize_t>(dg.size()));
+        sockaddr_un from;
+        socklen_t from_len = sizeof from;
+        received_datagram got(pair[1], &from, &from_len, RECV_ADDR_LOCAL);
+        ASSERT_EQ(got.size(), dg.size());
+        std::fill(std::copy(dg.begin(), dg.end(), expected.begin()), expected.end(), 0);
+        ASSERT_EQ(memcmp(buffer, expected.data(), expected.size()), 0) << i;
+    }
+    close(pair[0]);
+    close(pair[1]);
 }
 
 bytes message(uint16_t op, uint8_t value = 0, size_t len = LOCAL_MSG_HDR_LEN) {
