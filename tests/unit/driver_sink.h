@@ -15,20 +15,14 @@ class DriverSink {
   public:
     DriverSink() {
         fd_ = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_USERSOCK);
-        if (fd_ < 0) {
-            return;
-        }
         sockaddr_nl addr{};
         addr.nl_family = AF_NETLINK;  // port id 0: the kernel picks a free one
         socklen_t len = sizeof addr;
-        if (bind(fd_, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0 ||
-            getsockname(fd_, reinterpret_cast<sockaddr *>(&addr), &len) != 0) {
-            close(fd_);
-            fd_ = -1;
-            return;
+        if (fd_ >= 0 && bind(fd_, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0 &&
+            getsockname(fd_, reinterpret_cast<sockaddr *>(&addr), &len) == 0) {
+            setenv("TARN_DRIVER_PORT", std::to_string(addr.nl_pid).c_str(), 1);
+            ready_ = true;
         }
-        port_ = addr.nl_pid;
-        setenv("TARN_DRIVER_PORT", std::to_string(port_).c_str(), 1);
     }
     ~DriverSink() {
         unsetenv("TARN_DRIVER_PORT");
@@ -39,8 +33,7 @@ class DriverSink {
     DriverSink(const DriverSink &) = delete;
     DriverSink &operator=(const DriverSink &) = delete;
 
-    bool ready() const { return fd_ >= 0; }
-    uint32_t port() const { return port_; }
+    bool ready() const { return ready_; }
 
     // Every message queued so far. Netlink delivers to a local socket before the send returns,
     // so nothing is still on its way once the sender has returned.
@@ -59,5 +52,5 @@ class DriverSink {
 
   private:
     int fd_ = -1;
-    uint32_t port_ = 0;
+    bool ready_ = false;
 };

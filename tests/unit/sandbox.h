@@ -16,6 +16,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -44,16 +45,13 @@ inline bool is_root() {
 inline constexpr const char *LOG_PATH = "/tmp/tarn-test.log";
 
 inline void write_file(const std::string &path, const std::string &content, mode_t mode = 0644) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << content;
-    out.close();
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
     chmod(path.c_str(), mode);
 }
 
 inline std::string read_file(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
     std::stringstream text;
-    text << in.rdbuf();
+    text << std::ifstream(path, std::ios::binary).rdbuf();
     return text.str();
 }
 
@@ -91,8 +89,7 @@ inline void install_command(const std::string &name, const std::string &script) 
 
 // Runs a shell command in the sandbox; true when it exits with 0.
 inline bool sh(const std::string &command) {
-    std::string quiet = command + " >/dev/null 2>&1";
-    return system(quiet.c_str()) == 0;
+    return system((command + " >/dev/null 2>&1").c_str()) == 0;
 }
 
 // The daemon's log lines written so far in this sandbox.
@@ -125,17 +122,11 @@ inline void exhaust_descriptors() {
 namespace detail {
 
 inline std::string prepare_child() {
-    if (unshare(CLONE_NEWNS | CLONE_NEWNET) != 0) {
-        return std::string("unshare: ") + strerror(errno);
-    }
-    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-        return std::string("private mounts: ") + strerror(errno);
-    }
-    if (mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") != 0) {
-        return std::string("tmpfs on /tmp: ") + strerror(errno);
-    }
-    if (mount("sysfs", "/sys", "sysfs", 0, nullptr) != 0) {
-        return std::string("sysfs: ") + strerror(errno);
+    if (unshare(CLONE_NEWNS | CLONE_NEWNET) != 0 ||
+        mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") != 0 ||
+        mount("sysfs", "/sys", "sysfs", 0, nullptr) != 0) {
+        return std::string("namespaces and mounts: ") + strerror(errno);
     }
     mkdir("/tmp/bin", 0755);
     const char *path = getenv("PATH");
@@ -156,8 +147,7 @@ inline std::string prepare_child() {
 }
 
 inline void write_all(int fd, const std::string &text) {
-    size_t done = 0;
-    while (done < text.size()) {
+    for (size_t done = 0; done < text.size();) {
         ssize_t n = write(fd, text.data() + done, text.size() - done);
         if (n <= 0) {
             return;
@@ -199,11 +189,8 @@ inline std::string run_in_sandbox(const std::function<std::string()> &body) {
     close(fds[1]);
     std::string text;
     char chunk[4096];
-    ssize_t n;
-    while ((n = read(fds[0], chunk, sizeof chunk)) > 0 || (n < 0 && errno == EINTR)) {
-        if (n > 0) {
-            text.append(chunk, static_cast<size_t>(n));
-        }
+    for (ssize_t n; (n = read(fds[0], chunk, sizeof chunk)) > 0 || (n < 0 && errno == EINTR);) {
+        text.append(chunk, static_cast<size_t>(std::max<ssize_t>(n, 0)));
     }
     close(fds[0]);
     int status = 0;
