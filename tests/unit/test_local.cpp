@@ -119,12 +119,13 @@ void fill_table(int n) {
 }
 
 // A datagram waiting at fd, as hex when it is a bare header and as "list of n" when it is a
-// neighbor list, or "-" when none comes.
-std::string answer(int fd) {
+// neighbor list, else the probe waiting at probes, or "-" when there is none.
+std::string answer(int fd, int probes) {
     bytes data(70000);
     ssize_t n = recv(fd, data.data(), data.size(), MSG_DONTWAIT);
     if (n <= 0) {
-        return "-";
+        n = recv(probes, data.data(), data.size(), MSG_DONTWAIT);
+        return n == NBCP_NDRP_LEN ? "probe mode " + std::to_string(data[19]) : "-";
     }
     data.resize(static_cast<size_t>(n));
     std::string out;
@@ -148,7 +149,7 @@ struct control_step {
 };
 
 // One daemon through a sequence of requests: after each, what was answered at the client
-// path (or the sender's path), the table size and the driver messages ("op:value").
+// path (or the sender's path) or probed, the table size and the driver messages ("op:value").
 TEST(LocalControl, RequestsEffectsAndAnswers) {
     SKIP_WITHOUT_NETLINK();
     SKIP_UNLESS_ROOT();
@@ -174,6 +175,10 @@ TEST(LocalControl, RequestsEffectsAndAnswers) {
         {message(TARN_MSG_DUMP_STATIC), 0, nullptr, "op 51 list of 1 2 -"},
         {message(TARN_MSG_NGBR_INFO), 0, "/tmp/requester", "op 51 list of 3 2 2:0"},
         {message(TARN_MSG_NGBR_INFO), 0, nullptr, "- 2 2:0"},
+        // A zero or missing address is not probed.
+        {probe_request("0.0.0.0"), 0, nullptr, "- 2 -"},
+        {message(TARN_MSG_DUMP_IP), 0, nullptr, "- 2 -"},
+        {probe_request("127.0.0.5"), 0, nullptr, "probe mode 3 2 -"},
     };
     std::string seen = static_env::run([&steps] {
         DriverSink driver;
@@ -183,6 +188,9 @@ TEST(LocalControl, RequestsEffectsAndAnswers) {
         }
         static_mac_add("00:00:00:00:00:07", "127.0.0.7", nullptr);
         int client = static_env::bind_local(TARN_CLIENT_PATH);
+        int probes = socket(AF_INET, SOCK_DGRAM, 0);
+        sockaddr_in at{AF_INET, htons(NBCP_PORT), {INADDR_ANY}, {}};
+        bind(probes, reinterpret_cast<sockaddr *>(&at), sizeof at);
         std::string out;
         for (const control_step &s : steps) {
             fill_table(s.fill);
@@ -199,8 +207,8 @@ TEST(LocalControl, RequestsEffectsAndAnswers) {
                               std::to_string(m[17]);
             }
             std::lock_guard<std::mutex> guard(ngb_lock);
-            out += answer(s.from != nullptr ? from : client) + " " + std::to_string(table_cnt) +
-                   " " + (driver_ops.empty() ? "-" : driver_ops) + "\n";
+            out += answer(s.from != nullptr ? from : client, probes) + " " +
+                   std::to_string(table_cnt) + " " + (driver_ops.empty() ? "-" : driver_ops) + "\n";
             close(from);
         }
         return out + static_env::calls("uci");
@@ -210,47 +218,6 @@ TEST(LocalControl, RequestsEffectsAndAnswers) {
         expected += s.expected + "\n";
     }
     EXPECT_EQ(seen, expected + "set tarn.config.version=3\ncommit tarn\n");
-}
-
-// The probes of operations 10 and 9 leave with mode 3; a zero address is not probed.
-TEST(LocalControl, DumpIpAndStaticUpdateProbeWithMode3) {
-    SKIP_UNLESS_ROOT();
-    std::string seen = static_env::run([] {
-        neighbor_table_init();
-        InitSocket(&sock_recv_local, TARN_SOCKET_PATH);
-        int receiver = socket(AF_INET, SOCK_DGRAM, 0);
-        sockaddr_in at{AF_INET, htons(NBCP_PORT), {INADDR_ANY}, {}};
-        bind(receiver, reinterpret_cast<sockaddr *>(&at), sizeof at);
-        timeval timeout{0, 300000};
-        setsockopt(receiver, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
-        {
-            std::lock_guard<std::mutex> guard(stngbr_lock);
-            static_member *node = static_member_new();
-            node->info.ip = inet_addr("127.0.0.7");
-            node->info.state = AP_STATE_STATIC_ACTIVE;
-            static_member_push(node);
-        }
-        std::string out;
-        for (const bytes &msg : {probe_request("0.0.0.0"), message(TARN_MSG_DUMP_IP),
-                                 probe_request("127.0.0.5"), message(TARN_MSG_UPDATE_STATIC)}) {
-            int from = socket(AF_UNIX, SOCK_DGRAM, 0);
-            sockaddr_un to{AF_UNIX, {}};
-            snprintf(to.sun_path, sizeof to.sun_path, "%s", TARN_SOCKET_PATH);
-            sendto(from, msg.data(), msg.size(), 0, reinterpret_cast<sockaddr *>(&to), sizeof to);
-            close(from);
-            local_receive();
-            bytes probe(100);
-            sockaddr_in source{};
-            socklen_t len = sizeof source;
-            ssize_t n = recvfrom(receiver, probe.data(), probe.size(), 0,
-                                 reinterpret_cast<sockaddr *>(&source), &len);
-            out += n < 20 ? "none; "
-                          : std::to_string(n) + " bytes type " + std::to_string(probe[3]) +
-                                " mode " + std::to_string(probe[19]) + "; ";
-        }
-        return out + "static state " + std::to_string(static_member_list.head->info.state);
-    });
-    EXPECT_EQ(seen, "none; none; 60 bytes type 10 mode 3; 60 bytes type 10 mode 3; static state 4");
 }
 
 }  // namespace
