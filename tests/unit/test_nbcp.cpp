@@ -29,7 +29,11 @@ class tlv_bytes {
         return t;
     }
     // The 8-byte local header of a neighbor list (op 51, little-endian host).
-    static tlv_bytes list_reply() { return tlv_bytes().raw({0, 0, 0, 0, 51, 0, 0, 0}); }
+    static tlv_bytes list_reply() {
+        tlv_bytes t;
+        t.b_ = {0, 0, 0, 0, 51, 0, 0, 0};
+        return t;
+    }
 
     tlv_bytes &raw(const bytes &v) {
         b_.insert(b_.end(), v.begin(), v.end());
