@@ -149,36 +149,35 @@ struct control_step {
 };
 
 // One daemon through a sequence of requests: after each, what was answered at the client
-// path (or the sender's path) or probed, the table size and the driver messages ("op:value").
+// path (or the sender's path) or probed, the table size, and the driver messages ("op:value").
 TEST(LocalControl, RequestsEffectsAndAnswers) {
-    SKIP_WITHOUT_NETLINK();
     SKIP_UNLESS_ROOT();
     const control_step steps[] = {
-        {message(TARN_MSG_GET_RSSI), 0, nullptr, "0500000005000000 0 -"},
-        {message(TARN_MSG_SET_RSSI, 44), 3, nullptr, "- 0 4:44"},
-        {message(TARN_MSG_GET_RSSI, 9, 64), 0, nullptr, "2c00000005000000 0 -"},
-        {message(TARN_MSG_GET_RSSI, 0, 5), 0, nullptr,
-         "2c00000005000000 0 -"},                                 // op's high byte cut
-        {message(TARN_MSG_SET_VERSION, 1), 3, nullptr, "- 3 -"},  // the running version
-        {message(TARN_MSG_SET_VERSION, 3), 0, nullptr, "- 0 1:3 4:44"},
-        {message(TARN_MSG_SET_NGBR_NUM, 16), 2, nullptr, "- 0 5:16"},
-        {message(TARN_MSG_SET_NGBR_NUM, 200), 2, nullptr, "- 0 5:200"},
-        {message(TARN_MSG_SET_NGBR_NUM, 200), 2, nullptr, "- 2 -"},
+        {message(TARN_MSG_GET_RSSI), 0, nullptr, "0500000005000000 0 | -"},
+        {message(TARN_MSG_SET_RSSI, 44), 3, nullptr, "- 0 | 4:44"},
+        {message(TARN_MSG_GET_RSSI, 9, 64), 0, nullptr, "2c00000005000000 0 | -"},
+        // The op's high byte cut off reads as zero.
+        {message(TARN_MSG_GET_RSSI, 0, 5), 0, nullptr, "2c00000005000000 0 | -"},
+        {message(TARN_MSG_SET_VERSION, 1), 3, nullptr, "- 3 | -"},  // the running version
+        {message(TARN_MSG_SET_VERSION, 3), 0, nullptr, "- 0 | 1:3 4:44"},
+        {message(TARN_MSG_SET_NGBR_NUM, 16), 2, nullptr, "- 0 | 5:16"},
+        {message(TARN_MSG_SET_NGBR_NUM, 200), 2, nullptr, "- 0 | 5:200"},
+        {message(TARN_MSG_SET_NGBR_NUM, 200), 2, nullptr, "- 2 | -"},
         // Accepted and ignored, unknown, or with the op cut off: nothing happens.
-        {message(TARN_MSG_ADD_MAC, 0, LOCAL_MSG_HDR_LEN + sizeof(ap_info)), 0, nullptr, "- 2 -"},
-        {message(TARN_MSG_DEL_MAC, 0, LOCAL_MSG_HDR_LEN + sizeof(ap_info)), 0, nullptr, "- 2 -"},
-        {message(TARN_MSG_LIST_REPLY), 0, nullptr, "- 2 -"},
-        {message(13), 0, nullptr, "- 2 -"},
-        {message(TARN_MSG_GET_RSSI, 0, 4), 0, nullptr, "- 2 -"},
+        {message(TARN_MSG_ADD_MAC, 0, LOCAL_MSG_HDR_LEN + sizeof(ap_info)), 0, nullptr, "- 2 | -"},
+        {message(TARN_MSG_DEL_MAC, 0, LOCAL_MSG_HDR_LEN + sizeof(ap_info)), 0, nullptr, "- 2 | -"},
+        {message(TARN_MSG_LIST_REPLY), 0, nullptr, "- 2 | -"},
+        {message(13), 0, nullptr, "- 2 | -"},
+        {message(TARN_MSG_GET_RSSI, 0, 4), 0, nullptr, "- 2 | -"},
         // The lists: the table and the one static neighbor.
-        {message(TARN_MSG_DUMP_NGBR), 0, nullptr, "op 51 list of 3 2 -"},
-        {message(TARN_MSG_DUMP_STATIC), 0, nullptr, "op 51 list of 1 2 -"},
-        {message(TARN_MSG_NGBR_INFO), 0, "/tmp/requester", "op 51 list of 3 2 2:0"},
-        {message(TARN_MSG_NGBR_INFO), 0, nullptr, "- 2 2:0"},
+        {message(TARN_MSG_DUMP_NGBR), 0, nullptr, "op 51 list of 3 2 | -"},
+        {message(TARN_MSG_DUMP_STATIC), 0, nullptr, "op 51 list of 1 2 | -"},
+        {message(TARN_MSG_NGBR_INFO), 0, "/tmp/requester", "op 51 list of 3 2 | 2:0"},
+        {message(TARN_MSG_NGBR_INFO), 0, nullptr, "- 2 | 2:0"},
         // A zero or missing address is not probed.
-        {probe_request("0.0.0.0"), 0, nullptr, "- 2 -"},
-        {message(TARN_MSG_DUMP_IP), 0, nullptr, "- 2 -"},
-        {probe_request("127.0.0.5"), 0, nullptr, "probe mode 3 2 -"},
+        {probe_request("0.0.0.0"), 0, nullptr, "- 2 | -"},
+        {message(TARN_MSG_DUMP_IP), 0, nullptr, "- 2 | -"},
+        {probe_request("127.0.0.5"), 0, nullptr, "probe mode 3 2 | -"},
     };
     std::string seen = static_env::run([&steps] {
         DriverSink driver;
@@ -208,14 +207,21 @@ TEST(LocalControl, RequestsEffectsAndAnswers) {
             }
             std::lock_guard<std::mutex> guard(ngb_lock);
             out += answer(s.from != nullptr ? from : client, probes) + " " +
-                   std::to_string(table_cnt) + " " + (driver_ops.empty() ? "-" : driver_ops) + "\n";
+                   std::to_string(table_cnt) + " | " + (driver_ops.empty() ? "-" : driver_ops) +
+                   "\n";
             close(from);
         }
         return out + static_env::calls("uci");
     });
     std::string expected;
     for (const control_step &s : steps) {
-        expected += s.expected + "\n";
+        // Where no netlink user socket can stand in for the driver (qemu-user), only the
+        // driver messages go unseen.
+        std::string line = s.expected;
+        if (!sandbox::netlink_unavailable().empty()) {
+            line = line.substr(0, line.find(" | ")) + " | -";
+        }
+        expected += line + "\n";
     }
     EXPECT_EQ(seen, expected + "set tarn.config.version=3\ncommit tarn\n");
 }
