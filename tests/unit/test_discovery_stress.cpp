@@ -1,7 +1,7 @@
-// The receive thread (driver events, answers), the timer thread (learning, ageing) and a bus
-// thread (answers sent, self_ap read) on the neighbor table and self_ap at once. Run in a
-// ThreadSanitizer build these show that every shared access is locked; in any build they check
-// that the table stays consistent.
+// The receive thread (driver events, answers), the timer thread (learning, ageing, a limit
+// change) and a bus thread (answers sent, self_ap read, the table walked) on the neighbor table
+// and self_ap at once. Run in a ThreadSanitizer build this shows that every shared access is
+// locked; in any build it checks that every walk sees a consistent table.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -108,9 +108,14 @@ TEST(DiscoveryStress, ReceiveTimerAndBusThreadsShareTheTable) {
                 if (run % 50 == 0) {
                     neighbor_aps_learning();
                 }
+                if (run % 500 == 0) {
+                    max_ngbr_num = run % 1000 == 0 ? 32 : MAX_NGBR_NUM_DEFAULT;
+                    neighbor_aps_clear();  // a limit change empties the table
+                }
             }
         });
-        std::thread bus([&done] {
+        std::atomic<int> bad_walks{0};
+        std::thread bus([&] {
             sockaddr_in dest{};
             dest.sin_family = AF_INET;
             dest.sin_addr.s_addr = ipv4("127.0.0.9");
@@ -118,28 +123,29 @@ TEST(DiscoveryStress, ReceiveTimerAndBusThreadsShareTheTable) {
                 send_ndsp(-1, reinterpret_cast<sockaddr *>(&dest), 0);
                 neighbor_ap self = self_ap_snapshot();
                 (void)self;
+                std::lock_guard<std::mutex> guard(ngb_lock);
+                uint32_t walked = 0;
+                bool consistent = true;
+                neighbor_aps_walk([&](neighbor_ap &e) {
+                    ++walked;
+                    consistent = consistent && e.list.next->prev == &e.list &&
+                                 neighbor_ap_find(e.mac) == &e && e.mac == e.info.mac &&
+                                 e.state == e.info.state;
+                });
+                bad_walks += walked != table_cnt || walked > max_ngbr_num || !consistent;
             }
         });
         receive_side(feed, nbcp_rx, peer, to);
         done = true;
         timer.join();
         bus.join();
-
-        std::lock_guard<std::mutex> guard(ngb_lock);
-        uint32_t walked = 0;
-        int mismatched = 0;
-        neighbor_aps_walk([&](neighbor_ap &e) {
-            ++walked;
-            mismatched += e.state != e.info.state || e.mac != e.info.mac;
-        });
         // The sandbox ends without exit handlers, so a race report is looked for here.
         bool race_reported =
             sandbox::log_text().find("WARNING: ThreadSanitizer") != std::string::npos;
-        return std::to_string(walked == table_cnt) + " " + std::to_string(mismatched) + " " +
-               std::to_string(table_cnt > 0 && table_cnt <= kMacs) +
-               (race_reported ? " race reported" : "");
+        return std::to_string(bad_walks) + " bad walks, table within " +
+               std::to_string(table_cnt <= kMacs) + (race_reported ? " race reported" : "");
     });
-    EXPECT_EQ(seen, "1 0 1");
+    EXPECT_EQ(seen, "0 bad walks, table within 1");
 }
 
 }  // namespace
