@@ -142,10 +142,11 @@ TEST(DiscoveryStress, ReceiveTimerAndBusThreadsShareTheTable) {
         // The sandbox ends without exit handlers, so a race report is looked for here.
         bool race_reported =
             sandbox::log_text().find("WARNING: ThreadSanitizer") != std::string::npos;
-        return std::to_string(bad_walks) + " bad walks, table within " +
-               std::to_string(table_cnt <= kMacs) + (race_reported ? " race reported" : "");
+        return std::to_string(bad_walks) + " bad walks" +
+               (table_cnt <= kMacs ? "" : ", too many entries") +
+               (race_reported ? ", race reported" : "");
     });
-    EXPECT_EQ(seen, "0 bad walks, table within 1");
+    EXPECT_EQ(seen, "0 bad walks");
 }
 
 }  // namespace
