@@ -41,13 +41,6 @@ class NeighborTable : public testing::Test {
         EXPECT_EQ(rc == 0, entry == nullptr) << "ownership must move exactly on success";
         return rc;
     }
-
-    static std::vector<mac_addr> walk_macs() {
-        std::vector<mac_addr> macs;
-        std::lock_guard<std::mutex> guard(ngb_lock);
-        neighbor_aps_walk([&](neighbor_ap &entry) { macs.push_back(entry.mac); });
-        return macs;
-    }
 };
 
 // The bucket is the sum of byte 3, byte 4 and the high nibble of byte 5, modulo 67.
@@ -77,80 +70,52 @@ struct ModelEntry {
     uint32_t tag;
 };
 
+// The table as a plain list in insertion order: a walk visits the buckets in order, each in
+// insertion order.
 class TableModel {
   public:
-    explicit TableModel(size_t capacity) : capacity_(capacity), buckets_(NGB_HASH_SIZE) {}
+    size_t capacity = 16;
 
-    size_t size() const {
-        size_t n = 0;
-        for (const auto &b : buckets_) {
-            n += b.size();
-        }
-        return n;
+    size_t size() const { return entries_.size(); }
+    ModelEntry *find(const mac_addr &mac) {
+        auto at = std::find_if(entries_.begin(), entries_.end(),
+                               [&](const ModelEntry &e) { return e.mac == mac; });
+        return at == entries_.end() ? nullptr : &*at;
     }
-    const ModelEntry *find(const mac_addr &mac) const {
-        for (const ModelEntry &e : buckets_[neighbor_ap_hash(mac)]) {
-            if (e.mac == mac) {
-                return &e;
-            }
-        }
-        return nullptr;
+    std::vector<ModelEntry> walk() const {
+        std::vector<ModelEntry> all = entries_;
+        std::stable_sort(all.begin(), all.end(), [](const ModelEntry &a, const ModelEntry &b) {
+            return neighbor_ap_hash(a.mac) < neighbor_ap_hash(b.mac);
+        });
+        return all;
     }
+    // A full table replaces the entry with the greatest non-zero timestamp, the first in walk
+    // order among equals; with none to replace, the add is refused (1).
     int add(const ModelEntry &entry) {
-        if (size() == capacity_) {
-            // Greatest non-zero timestamp, first in walk order among equals.
-            std::vector<ModelEntry> *victim_bucket = nullptr;
-            size_t victim_index = 0;
-            uint32_t greatest = 0;
-            for (auto &b : buckets_) {
-                for (size_t i = 0; i < b.size(); ++i) {
-                    if (b[i].timestamp > greatest) {
-                        greatest = b[i].timestamp;
-                        victim_bucket = &b;
-                        victim_index = i;
-                    }
-                }
-            }
-            if (victim_bucket == nullptr) {
+        if (size() == capacity) {
+            std::vector<ModelEntry> in_walk = walk();
+            auto victim = std::max_element(
+                in_walk.begin(), in_walk.end(),
+                [](const ModelEntry &a, const ModelEntry &b) { return a.timestamp < b.timestamp; });
+            if (victim->timestamp == 0) {
                 return 1;
             }
-            victim_bucket->erase(victim_bucket->begin() + static_cast<long>(victim_index));
+            remove(victim->mac);
         }
-        buckets_[neighbor_ap_hash(entry.mac)].push_back(entry);
+        entries_.push_back(entry);
         return 0;
     }
     void remove(const mac_addr &mac) {
-        auto &b = buckets_[neighbor_ap_hash(mac)];
-        b.erase(
-            std::find_if(b.begin(), b.end(), [&](const ModelEntry &e) { return e.mac == mac; }));
+        entries_.erase(entries_.begin() + (find(mac) - entries_.data()));
     }
-    void set_timestamp(const mac_addr &mac, uint32_t timestamp) {
-        auto &b = buckets_[neighbor_ap_hash(mac)];
-        std::find_if(b.begin(), b.end(), [&](const ModelEntry &e) {
-            return e.mac == mac;
-        })->timestamp = timestamp;
-    }
-    void clear(size_t capacity) {
-        capacity_ = capacity;
-        for (auto &b : buckets_) {
-            b.clear();
-        }
-    }
-    std::vector<ModelEntry> walk() const {
-        std::vector<ModelEntry> all;
-        for (const auto &b : buckets_) {
-            all.insert(all.end(), b.begin(), b.end());
-        }
-        return all;
-    }
+    void clear() { entries_.clear(); }
 
   private:
-    size_t capacity_;
-    std::vector<std::vector<ModelEntry>> buckets_;
+    std::vector<ModelEntry> entries_;
 };
 
 // Checks count, walk order and contents, link integrity and lookups against the model.
-void expect_table_matches(const TableModel &model, const std::vector<mac_addr> &pool, int step) {
+void expect_table_matches(TableModel &model, const std::vector<mac_addr> &pool, int step) {
     std::lock_guard<std::mutex> guard(ngb_lock);
     ASSERT_EQ(table_cnt, model.size()) << "step " << step;
 
@@ -209,7 +174,7 @@ TEST_P(NeighborTableModel, RandomOperationsMatchModel) {
     std::vector<mac_addr> pool = mac_pool(rng);
     uint8_t capacity = 16;
     max_ngbr_num = capacity;
-    TableModel model(capacity);
+    TableModel model;
     std::uniform_int_distribution<int> op(0, 99);
     std::uniform_int_distribution<size_t> pick(0, pool.size() - 1);
     std::uniform_int_distribution<uint32_t> stamp(0, 6);  // small range: many ties and zeros
@@ -253,14 +218,15 @@ TEST_P(NeighborTableModel, RandomOperationsMatchModel) {
             neighbor_ap *entry = neighbor_ap_find(mac);
             if (entry != nullptr) {
                 entry->timestamp = value;
-                model.set_timestamp(mac, value);
+                model.find(mac)->timestamp = value;
             }
         } else {
             // Changing the limit empties the table, as the daemon does.
             capacity = static_cast<uint8_t>(16 + (rng() % 49));
             max_ngbr_num = capacity;
             neighbor_aps_clear();
-            model.clear(capacity);
+            model.capacity = capacity;
+            model.clear();
         }
         expect_table_matches(model, pool, step);
         if (HasFatalFailure() || HasNonfatalFailure()) {
