@@ -74,7 +74,7 @@ std::string head_mac() {
 // One rule of the store: the steps report what they saw, and the log holds log_line.
 struct store_case {
     const char *rule;
-    std::string (*steps)();
+    void (*steps)(std::ostream &out);
     const char *seen;
     const char *log_line;
 };
@@ -85,9 +85,11 @@ TEST_P(StaticStore, FollowsItsRule) {
     SKIP_UNLESS_ROOT();
     const store_case c = GetParam();
     std::string seen = static_env::run([&c] {
-        std::string out = c.steps();
+        std::ostringstream out;
+        c.steps(out);
         std::string log = sandbox::log_text();
-        return contains(log, c.log_line) ? out : out + " | log lacks " + c.log_line + ":\n" + log;
+        return contains(log, c.log_line) ? out.str()
+                                         : out.str() + " | log lacks " + c.log_line + ":\n" + log;
     });
     EXPECT_EQ(seen, c.seen) << c.rule;
 }
@@ -96,38 +98,31 @@ INSTANTIATE_TEST_SUITE_P(
     Rules, StaticStore,
     testing::Values(
         store_case{"add of a known MAC changes only the addresses given",
-                   [] {
-                       std::ostringstream out;
+                   [](std::ostream &out) {
                        out << static_mac_add(M, "10.0.0.5", nullptr)
                            << static_mac_add(M, nullptr, "fd00::7")
                            << static_mac_add(M, "10.0.0.6", nullptr) << " " << list_text() << " "
                            << file_now();
-                       return out.str();
                    },
                    "000 00:11:22:33:44:55 10.0.0.6 fd00::7 4 [00:11:22:33:44:55]", ""},
         store_case{"an unconvertible IPv6 text is reported and gives the zero address",
-                   [] {
-                       std::ostringstream out;
+                   [](std::ostream &out) {
                        out << static_mac_add(M, "10.0.0.6", "fd00::7")
                            << static_mac_add(M, nullptr, "bad::ip6::text") << " " << list_text();
-                       return out.str();
                    },
                    "00 00:11:22:33:44:55 10.0.0.6 :: 4", "inet_pton"},
         store_case{"add refuses a null MAC and overlong texts, takes 15 IPv4 characters",
-                   [] {
-                       std::ostringstream out;
+                   [](std::ostream &out) {
                        out << static_mac_add("1:2:3:4:5:6:7", nullptr, nullptr)
                            << static_mac_add(std::string(64, '1').c_str(), nullptr, nullptr)
                            << static_mac_add(M, "192.168.100.2001", nullptr)
                            << static_mac_add(nullptr, "10.0.0.1", nullptr) << " " << file_now()
                            << " " << static_mac_add(M, "192.168.100.200", "") << " " << list_text();
-                       return out.str();
                    },
                    "-1-1-1-1 (missing) 0 00:11:22:33:44:55 192.168.100.200 :: 4",
                    "static_mac_add: IPv4 text refused (more than 15 characters)\n"},
         store_case{"add refuses a ninth node without writing but updates a known one",
-                   [] {
-                       std::ostringstream out;
+                   [](std::ostream &out) {
                        for (int i = 1; i <= 8; ++i) {
                            out << static_mac_add(mac_n(i).c_str(), nullptr, nullptr);
                        }
@@ -136,42 +131,35 @@ INSTANTIATE_TEST_SUITE_P(
                            << (static_env::file_text() == before ? " kept " : " changed ")
                            << static_mac_add(mac_n(1).c_str(), "10.0.0.1", nullptr) << " count "
                            << static_member_list.count;
-                       return out.str();
                    },
                    "00000000 -1 kept 0 count 8",
                    "static_mac_add: static neighbor list is full (8 nodes), 00:00:00:00:00:09 "
                    "not added\n"},
         store_case{"delete of an unknown MAC fails and leaves the file",
-                   [] {
+                   [](std::ostream &out) {
                        static_mac_add(M, nullptr, nullptr);
                        static_env::write_conf("untouched");
-                       std::ostringstream out;
                        out << static_mac_del("00:11:22:33:44:56") << static_mac_del(nullptr)
                            << static_mac_del("1:2:3:4:5:6:7") << " " << file_now() << " "
                            << list_text();
-                       return out.str();
                    },
                    "-1-1-1 untouched 00:11:22:33:44:55 0.0.0.0 :: 4",
                    "static_mac_del: Can not find member in static neighbor list!\n"},
         store_case{"replace keeps a repeated MAC twice and one delete removes the newer",
-                   [] {
+                   [](std::ostream &out) {
                        ap_info two[] = {record(M, "10.0.0.1"), record(M, "10.0.0.2")};
-                       std::ostringstream out;
                        out << static_mac_qv(two, 2) << " " << file_now() << " " << static_mac_del(M)
                            << " " << list_text();
-                       return out.str();
                    },
                    "1 [00:11:22:33:44:55 00:11:22:33:44:55] 0 00:11:22:33:44:55 10.0.0.1 :: 4", ""},
         store_case{"replace with no record empties the list and writes an empty array",
-                   [] {
-                       std::ostringstream out;
+                   [](std::ostream &out) {
                        out << static_mac_add(M, nullptr, nullptr) << static_mac_qv(nullptr, 0)
                            << " [" << list_text() << "] " << static_env::file_text();
-                       return out.str();
                    },
                    "01 [] {\n\t\"static_neighbor\":\t[]\n}", ""},
         store_case{"replace takes only the MAC and the addresses of a record",
-                   [] {
+                   [](std::ostream &out) {
                        ap_info full = record(M, "10.0.0.7");
                        inet_pton(AF_INET6, "fd00::7", full.ip6.data());
                        full.state = AP_STATE_ACTIVE;
@@ -180,67 +168,62 @@ INSTANTIATE_TEST_SUITE_P(
                        snprintf(full.name, sizeof full.name, "ap7");
                        static_mac_qv(&full, 1);
                        const ap_info &kept = static_member_list.head->info;
-                       std::ostringstream out;
                        out << int{kept.radiocnt} << kept.cluster_id << " [" << kept.name << "] "
                            << list_text();
-                       return out.str();
                    },
                    "00 [] 00:11:22:33:44:55 10.0.0.7 fd00::7 4", ""},
         store_case{"replace keeps the first eight records",
-                   [] {
+                   [](std::ostream &out) {
                        std::vector<ap_info> records;
                        for (int i = 1; i <= 10; ++i) {
                            records.push_back(record(mac_n(i), "10.0.0.1"));
                        }
                        static_mac_qv(records.data(), 10);
-                       return std::to_string(static_member_list.count) + " " + head_mac();
+                       out << static_member_list.count << " " << head_mac();
                    },
                    "8 00:00:00:00:00:08",
                    "static_mac_qv: 10 records given, only the first 8 are kept\n"},
         store_case{"a load of more than eight entries keeps the first eight",
-                   [] {
+                   [](std::ostream &out) {
                        std::string file = R"({"static_neighbor": [)";
                        for (int i = 1; i <= 10; ++i) {
                            file += (i > 1 ? ", {\"mac\": \"" : "{\"mac\": \"") + mac_n(i) + "\"}";
                        }
                        static_env::write_conf(file + "]}");
-                       std::ostringstream out;
                        out << load_static_neighbor() << " cnt " << static_cnt << " count "
                            << static_member_list.count << " " << head_mac();
-                       return out.str();
                    },
                    "0 cnt 10 count 8 00:00:00:00:00:08",
                    "dropped static neighbor [00:00:00:00:00:0a]\n"},
         store_case{"in cluster mode add and delete ask the configuration service to save",
-                   [] {
+                   [](std::ostream &out) {
                        static_mac_add(mac_n(1).c_str(), nullptr, nullptr);
                        static_mac_del(mac_n(1).c_str());
-                       std::string out = "plain [" + static_env::calls("ubus") + "]";
+                       out << "plain [" << static_env::calls("ubus") << "]";
                        static_env::set_cluster_mode(true);
                        static_mac_add(mac_n(2).c_str(), "10.0.0.2", nullptr);
                        static_mac_del(mac_n(2).c_str());
                        ap_info one = record(mac_n(3), "10.0.0.3");
                        static_mac_qv(&one, 1);
                        static_mac_del(mac_n(9).c_str());
-                       return out + " cluster [" + static_env::calls("ubus") + "]";
+                       out << " cluster [" << static_env::calls("ubus") << "]";
                    },
                    "plain [] cluster [call userconfig_reload userconfig_save\n"
                    "call userconfig_reload userconfig_save\n]",
                    ""},
         store_case{"in cluster mode the file holds no addresses, and loads so",
-                   [] {
+                   [](std::ostream &out) {
                        static_mac_add(M, "10.0.0.5", "fd00::5");
                        static_env::set_cluster_mode(true);
                        save_as_json();
                        std::string file = static_env::file_text();
                        load_static_neighbor();
                        bool plain = contains(file, "\"0.0.0.0\"") && contains(file, "\"::\"");
-                       return (plain ? "no addresses " : file) + list_text();
+                       out << (plain ? "no addresses " : file) << list_text();
                    },
                    "no addresses 00:11:22:33:44:55 0.0.0.0 :: 4", ""},
         store_case{"a new file's mode follows the creation mask; no temporary stays",
-                   [] {
-                       std::ostringstream out;
+                   [](std::ostream &out) {
                        for (mode_t mask : {mode_t{0}, mode_t{022}}) {
                            unlink(STATIC_NEIGHBOR_CONF_PATH);
                            umask(mask);
@@ -250,17 +233,15 @@ INSTANTIATE_TEST_SUITE_P(
                            out << std::oct << (st.st_mode & 0777) << " ";
                        }
                        bool tmp = sandbox::exists(std::string(STATIC_NEIGHBOR_CONF_PATH) + ".tmp");
-                       return out.str() + (tmp ? "tmp left" : "no tmp");
+                       out << (tmp ? "tmp left" : "no tmp");
                    },
                    "666 644 no tmp", ""},
         store_case{"an unwritable file fails the save, keeps the old file and the edit",
-                   [] {
+                   [](std::ostream &out) {
                        static_mac_add(mac_n(1).c_str(), nullptr, nullptr);
                        mount(nullptr, "/var", nullptr, MS_REMOUNT | MS_RDONLY, nullptr);
-                       std::ostringstream out;
                        out << static_mac_add(mac_n(2).c_str(), nullptr, nullptr) << " "
                            << save_as_json() << " " << file_now() << " " << head_mac();
-                       return out.str();
                    },
                    "0 -1 [00:00:00:00:00:01] 00:00:00:00:00:02",
                    "Can not open the file /var/config/static_neighbor.conf\n"}));
