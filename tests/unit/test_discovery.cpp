@@ -1,6 +1,7 @@
 // The discovery exchange on real sockets: answers (ndsp) update the neighbor table or the
 // static list, probes (ndrp) are answered at the prober's address on the nbcp port.
 #include <gtest/gtest.h>
+#include <netdb.h>
 #include <sys/un.h>
 
 #include <atomic>
@@ -366,15 +367,11 @@ int bound_udp(int family, const char *addr, uint16_t port, sockaddr_storage *bou
 }
 
 std::string text_of(const sockaddr_storage &a) {
-    char text[INET6_ADDRSTRLEN] = "";
-    const void *where =
-        a.ss_family == AF_INET
-            ? static_cast<const void *>(&reinterpret_cast<const sockaddr_in *>(&a)->sin_addr)
-            : &reinterpret_cast<const sockaddr_in6 *>(&a)->sin6_addr;
-    inet_ntop(a.ss_family, where, text, sizeof text);
-    // Both families keep the port at the same place.
-    return std::string(text) + " port " +
-           std::to_string(ntohs(reinterpret_cast<const sockaddr_in *>(&a)->sin_port));
+    char host[INET6_ADDRSTRLEN] = "";
+    char port[8] = "";
+    getnameinfo(reinterpret_cast<const sockaddr *>(&a), sizeof a, host, sizeof host, port,
+                sizeof port, NI_NUMERICHOST | NI_NUMERICSERV);
+    return std::string(host) + " port " + port;
 }
 
 TEST_P(ProbeAnswer, GoesToTheProberOnTheNbcpPort) {
