@@ -40,8 +40,8 @@ bytes answer_of(const mac_addr &m, int k) {
     return out;
 }
 
-std::string ip_of(int i) {
-    return "127.0.3." + std::to_string(i + 1);
+uint32_t ip_of(int n) {
+    return htonl(0x7f000301 + static_cast<uint32_t>(n));  // 127.0.3.<n + 1>
 }
 
 // The receive thread's part: one datagram handled at a time, as the real thread does.
@@ -49,14 +49,10 @@ void receive_side(driver_feed &feed, int nbcp_rx, int peer, const sockaddr_in &t
     auto area = std::make_unique<nbcp_decode_area>();
     for (int i = 0; i < kEvents; ++i) {
         const int n = i % kMacs;
-        feed.send_event(heard{mac(static_cast<uint8_t>(n)),
-                              ipv4(ip_of(n).c_str()),
-                              {},
-                              0,
-                              6,
-                              static_cast<uint8_t>(i),
-                              20}
-                            .payload());
+        heard event{mac(static_cast<uint8_t>(n)), ip_of(n)};
+        event.channel = 6;
+        event.rssi = static_cast<uint8_t>(i);
+        feed.send_event(event.payload());
         hand_receive();
         if (i % 3 == 0) {
             bytes answer = answer_of(mac(static_cast<uint8_t>(n)), i);
@@ -70,13 +66,9 @@ void receive_side(driver_feed &feed, int nbcp_rx, int peer, const sockaddr_in &t
         }
         if (i % 11 == 0) {
             std::vector<cached> entries;
-            for (int k = 0; k < 3; ++k) {
-                int m = (n + k * 13) % kMacs;
-                entries.push_back(cached{mac(static_cast<uint8_t>(m)),
-                                         ipv4(ip_of(m).c_str()),
-                                         {},
-                                         {},
-                                         static_cast<uint32_t>(i)});
+            for (int m : {n, (n + 13) % kMacs, (n + 26) % kMacs}) {
+                entries.push_back(cached{mac(static_cast<uint8_t>(m)), ip_of(m)});
+                entries.back().time = static_cast<uint32_t>(i);
             }
             feed.send_event(cache_reply(3, entries));
             hand_receive();
