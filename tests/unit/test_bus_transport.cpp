@@ -1,5 +1,6 @@
 // The embedded bus, which must behave as the platform's bus does: framing, dispatch statuses,
-// a served object with events and hostile clients, and the tarn-bus command line.
+// a served object with events and hostile clients. The tarn-bus command line is compared with
+// the platform's ubus command by the real-bus system tests.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <sys/eventfd.h>
@@ -39,15 +40,6 @@ int slow_method(const char *, json_object *, json_ref &reply) {
     reply = result_reply("late");
     return 0;
 }
-int repeated_names_method(const char *, json_object *, json_ref &reply) {
-    reply = json_ref(json_object_new_object());
-    for (const char *value : {"1", "2"}) {
-        json_object_object_add_ex(reply.get(), "rssi", json_object_new_string(value),
-                                  JSON_C_OBJECT_ADD_KEY_IS_NEW);
-    }
-    return 0;
-}
-
 std::mutex events_lock;
 std::vector<std::string> events_seen;
 
@@ -70,7 +62,6 @@ const method_entry test_methods[] = {
     {"parse_failure", parse_failure_method, nullptr, 0},
     {"no_text", no_text_method, nullptr, 0},
     {"slow", slow_method, nullptr, 0},
-    {"repeated", repeated_names_method, nullptr, 0},
 };
 const bus_event_listener test_listeners[] = {{"userconfig.reload", record_event}};
 const bus_service test_service = {"tarn", test_methods, std::size(test_methods), test_listeners, 1};
@@ -246,91 +237,6 @@ TEST_F(BusServerTest, HostileFramesGetAStatusAndAStalledClientIsDropped) {
     EXPECT_EQ(call("echo", R"({"next":true})", reply), BUS_STATUS_OK);
     EXPECT_EQ(reply, R"({"next":true})");
     close(stalled);
-}
-
-TEST(FormatJsonIndented, PrintsLikeTheUbusCommand) {
-    EXPECT_EQ(format_json_indented(R"({"result":[]})"), "{\n\t\"result\": [\n\t\t\n\t]\n}");
-    EXPECT_EQ(format_json_indented(R"({"a":{"b":1,"c":"x"},"d":[{"e":"f"}]})"),
-              "{\n\t\"a\": {\n\t\t\"b\": 1,\n\t\t\"c\": \"x\"\n\t},\n\t\"d\": [\n\t\t{\n\t\t\t"
-              "\"e\": \"f\"\n\t\t}\n\t]\n}");
-    // Punctuation inside strings, escaped quotes included, is text.
-    EXPECT_EQ(format_json_indented(R"({"k":"a,{b}:[c] \"q\" \\"})"),
-              "{\n\t\"k\": \"a,{b}:[c] \\\"q\\\" \\\\\"\n}");
-}
-
-// tarn-bus run against the test server; standard error is a file here, so a failed call reports
-// the ubus command's long line and the negated status.
-class TarnBusCommandTest : public BusServerTest {
-  protected:
-    int run(std::vector<std::string> words, std::string &out, std::string &err) {
-        words.insert(words.begin(), {"tarn-bus", "-s", path_});
-        std::vector<char *> argv;
-        for (std::string &word : words) {
-            argv.push_back(word.data());
-        }
-        argv.push_back(nullptr);
-        testing::internal::CaptureStdout();
-        testing::internal::CaptureStderr();
-        int status = tarn_bus_main(static_cast<int>(words.size()), argv.data());
-        out = testing::internal::GetCapturedStdout();
-        err = testing::internal::GetCapturedStderr();
-        return status;
-    }
-};
-
-TEST_F(TarnBusCommandTest, PrintsRepliesAndFailuresAsTheUbusCommand) {
-    const struct {
-        std::vector<std::string> words;
-        int status;
-        const char *out;
-        const char *err;
-    } cases[] = {
-        {{"call", "tarn", "repeated"}, 0, "{\n\t\"rssi\": \"1\",\n\t\"rssi\": \"2\"\n}\n", ""},
-        {{"-S", "call", "tarn", "repeated"}, 0, "{\"rssi\":\"1\",\"rssi\":\"2\"}\n", ""},
-        {{"list"}, 0, "tarn\n", ""},
-        {{"call", "tarn", "nope"},
-         -3,
-         "",
-         "Command failed: ubus call tarn nope (Method not found)\n"},
-        {{"call", "x", "echo"}, 4, "", "Command failed: Not found\n"},
-        {{"call", "tarn", "echo", "{"},
-         -12,
-         "",
-         "Command failed: ubus call tarn echo { (Parsing message data failed)\n"},
-        {{"call", "tarn", "parse_failure"},
-         1,
-         "",
-         "Command failed: ubus call tarn parse_failure (Unknown error: -1)\n"
-         "Command failed: Invalid command\n"},
-        {{"-S", "call", "tarn", "nope"}, 3, "", ""},
-        {{"send", "x", "[]"}, 12, "", "Command failed: Parsing message data failed\n"},
-        {{"list", "x"}, 4, "", "Command failed: Not found\n"},
-    };
-    std::string out, err;
-    for (const auto &c : cases) {
-        EXPECT_EQ(run(c.words, out, err), c.status) << c.words[1];
-        EXPECT_EQ(out, c.out) << c.words[1];
-        EXPECT_EQ(err, c.err) << c.words[1];
-    }
-    EXPECT_EQ(run({"-v", "list", "tarn"}, out, err), 0);
-    EXPECT_EQ(out.rfind("'tarn' @00000001\n\t\"debug_set\":{\"debug_switch\":\"Integer\"}\n", 0),
-              0u);
-    EXPECT_EQ(run({"call", "tarn"}, out, err), -2);
-    EXPECT_EQ(err.rfind("Usage: tarn-bus [<options>] <command> [arguments...]\n", 0), 0u);
-    path_ = dir_ + "/none";
-    EXPECT_EQ(run({"call", "tarn", "echo"}, out, err), -1);
-    EXPECT_EQ(err, "Failed to connect to ubus\n");
-}
-
-TEST_F(TarnBusCommandTest, SendDeliversTheEvent) {
-    std::string out, err;
-    EXPECT_EQ(run({"send", "userconfig.reload", R"({"ModifiedConfig":["static_neighbor.conf"]})"},
-                  out, err),
-              0);
-    EXPECT_EQ(out, "");
-    EXPECT_EQ(take_events(),
-              std::vector<std::string>{
-                  R"(userconfig.reload {"ModifiedConfig":["static_neighbor.conf"]})"});
 }
 
 }  // namespace
