@@ -40,6 +40,7 @@ int slow_method(const char *, json_object *, json_ref &reply) {
     reply = result_reply("late");
     return 0;
 }
+
 std::mutex events_lock;
 std::vector<std::string> events_seen;
 
