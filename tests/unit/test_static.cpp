@@ -371,19 +371,6 @@ std::string states() {
     return out;
 }
 
-TEST(StaticUpdate, MarksEveryNodeOfflineAndProbesItNewestFirst) {
-    SKIP_UNLESS_ROOT();
-    std::string seen = static_env::run([] {
-        probe_capture capture;
-        push_node(mac_n(1), "127.0.0.1", AP_STATE_STATIC_ACTIVE);
-        push_node(mac_n(2), "127.0.0.2", AP_STATE_STATIC_ACTIVE);
-        push_node(mac_n(3), "127.0.0.3", AP_STATE_STATIC_OFFLINE);
-        update_static_neighbor();
-        return probes_caught(capture) + " | " + states();
-    });
-    EXPECT_EQ(seen, "127.0.0.3 m3, 127.0.0.2 m3, 127.0.0.1 m3 | 444");
-}
-
 TEST(StaticUpdate, ClusterModeQueriesEveryNodeInsteadOfProbing) {
     SKIP_UNLESS_ROOT();
     std::string seen = static_env::run([] {
@@ -420,11 +407,15 @@ TEST(ClusterQuery, CarriesTheDescriptionAfterTheMacAndZerosBehind) {
     }
 }
 
-TEST(StaticUpdateTimer, RunsThePassAndRearmsFor120Seconds) {
+// The timer runs the pass at once, which marks every node offline and probes it, newest first,
+// and re-arms for 120 s.
+TEST(StaticUpdate, TimerRunsThePassAndRearmsFor120Seconds) {
     SKIP_UNLESS_ROOT();
     std::string seen = static_env::run([] {
         probe_capture capture;
         push_node(mac_n(1), "127.0.0.1", AP_STATE_STATIC_ACTIVE);
+        push_node(mac_n(2), "127.0.0.2", AP_STATE_STATIC_ACTIVE);
+        push_node(mac_n(3), "127.0.0.3", AP_STATE_STATIC_OFFLINE);
         int64_t from = timer_now().sec;
         create_static_update_timer();
         fflush(stdout);
@@ -437,9 +428,9 @@ TEST(StaticUpdateTimer, RunsThePassAndRearmsFor120Seconds) {
         for (int64_t second = from; second <= timer_now().sec; ++second) {
             in_120 = in_120 || contains(pending, key + std::to_string(second + 120) + ",");
         }
-        return probes_caught(capture) + (in_120 ? " in 120 s" : pending);
+        return probes_caught(capture) + " | " + states() + (in_120 ? " in 120 s" : pending);
     });
-    EXPECT_EQ(seen, "127.0.0.1 m3 in 120 s");
+    EXPECT_EQ(seen, "127.0.0.3 m3, 127.0.0.2 m3, 127.0.0.1 m3 | 444 in 120 s");
 }
 
 // A process killed at any moment while it saves never leaves a torn or empty file: after each
