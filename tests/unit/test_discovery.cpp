@@ -1,11 +1,11 @@
 // The discovery exchange on real sockets: answers (ndsp) update the neighbor table or the
 // static list, probes (ndrp) are answered at the prober's address on the nbcp port.
 #include <gtest/gtest.h>
-#include <netdb.h>
 #include <sys/un.h>
 
 #include <atomic>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -308,14 +308,13 @@ TEST(SendNdsp, RefusesWhatIsNotAnInternetAddressAndLogsAFailedSend) {
     EXPECT_EQ(log, "send ndsp to ip: 500000a\nsend ndsp:-1 ,errno:9,mode:3\n");
 }
 
-// Probes are answered at the prober's address on the nbcp port. These run in a network
-// namespace of their own: the daemon's socket and the prober's answer socket both sit on port
-// 32766, each on an address of its own added to the loopback interface.
+// Probes are answered through the socket they came in on, at the prober's source address on
+// the nbcp port, where a capture listens; the probe's own address field (10.0.0.5) plays no part.
 struct probe_case {
     int family;
     uint8_t probe_mode;
     bool have_vap;
-    const char *seen;  // "<from> type <t> mode <m> state <s> self state <s>"
+    const char *seen;  // "<to> type <t> mode <m> self state <s> <the answer's description>"
 };
 
 class ProbeAnswer : public testing::TestWithParam<probe_case> {};
@@ -341,61 +340,17 @@ void become_answering_ap() {
     self_ap.info.cluster_flag = 1;
 }
 
-// A UDP socket bound at addr:port, or -1. An IPv6 address takes its local route a moment after
-// it is added; packets to it are lost until then, so binding waits for that route.
-int bound_udp(int family, const char *addr, uint16_t port, sockaddr_storage *bound = nullptr) {
-    sockaddr_storage a{};
-    a.ss_family = static_cast<sa_family_t>(family);
-    if (family == AF_INET) {
-        reinterpret_cast<sockaddr_in *>(&a)->sin_port = htons(port);
-        reinterpret_cast<sockaddr_in *>(&a)->sin_addr.s_addr = ipv4(addr);
-    } else {
-        for (int i = 0; i < 200 && !sandbox::sh(std::string("ip -6 route show table local | "
-                                                            "grep -q '^local ") +
-                                                addr + " '");
-             ++i) {
-            usleep(10000);
-        }
-        reinterpret_cast<sockaddr_in6 *>(&a)->sin6_port = htons(port);
-        inet_pton(AF_INET6, addr, &reinterpret_cast<sockaddr_in6 *>(&a)->sin6_addr);
-    }
-    if (bound != nullptr) {
-        *bound = a;
-    }
-    int fd = socket(family, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    return bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) == 0 ? fd : -1;
-}
-
-std::string text_of(const sockaddr_storage &a) {
-    char host[INET6_ADDRSTRLEN] = "";
-    char port[8] = "";
-    getnameinfo(reinterpret_cast<const sockaddr *>(&a), sizeof a, host, sizeof host, port,
-                sizeof port, NI_NUMERICHOST | NI_NUMERICSERV);
-    return std::string(host) + " port " + port;
-}
-
-TEST_P(ProbeAnswer, GoesToTheProberOnTheNbcpPort) {
+TEST_P(ProbeAnswer, GoesToTheProbersAddressOnTheNbcpPort) {
     SKIP_UNLESS_ROOT();
     const probe_case c = GetParam();
     std::string seen = sandbox::run_in_sandbox([&c] {
-        const bool v4 = c.family == AF_INET;
-        if (!sandbox::sh("ip addr add 10.0.0.1/32 dev lo && ip addr add 10.0.0.5/32 dev lo && "
-                         "ip -6 addr add fd00::1/128 dev lo nodad && "
-                         "ip -6 addr add fd00::5/128 dev lo nodad") ||
-            (c.have_vap && !sandbox::sh("ip link add ath00 type veth peer name vap-peer"))) {
-            return std::string("sandbox failure: addresses");
+        if (c.have_vap && !sandbox::sh("ip link add ath00 type veth peer name vap-peer")) {
+            return std::string("sandbox failure: vap");
         }
         become_answering_ap();
-        // The daemon's receiving socket, the prober's sending socket (port 40000) and the
-        // prober's own nbcp socket, where the answer must arrive.
-        sockaddr_storage to{};
-        int daemon = bound_udp(c.family, v4 ? "10.0.0.1" : "fd00::1", NBCP_PORT, &to);
-        int prober = bound_udp(c.family, v4 ? "10.0.0.5" : "fd00::5", 40000);
-        int prober_nbcp = bound_udp(c.family, v4 ? "10.0.0.5" : "fd00::5", NBCP_PORT);
-        if (daemon < 0 || prober < 0 || prober_nbcp < 0) {
-            return std::string("sandbox failure: sockets");
-        }
-        sock_recv_nbcp = daemon;
+        probe_capture capture;
+        udp_pair pair(c.family);
+        sock_recv_nbcp = pair.rx;
         nbcp_ndrp p;
         memset(&p, 0, sizeof p);
         p.mode = c.probe_mode;
@@ -403,27 +358,20 @@ TEST_P(ProbeAnswer, GoesToTheProberOnTheNbcpPort) {
         p.mac = B;
         bytes probe(NBCP_NDRP_LEN);
         probe.resize(nbcp_build_ndrp(probe.data(), &p));
-        sendto(prober, probe.data(), probe.size(), 0, reinterpret_cast<sockaddr *>(&to), sizeof to);
-        nbcp_receive(daemon, RECV_ADDR_IPV6, decode_area());
-
-        pollfd ready{prober_nbcp, POLLIN, 0};
-        if (poll(&ready, 1, 500) <= 0) {
+        pair.deliver(probe);
+        std::optional<captured_datagram> got = capture.next(500);
+        if (!got) {
             return "no answer: " + sandbox::log_text();
         }
-        uint8_t data[NBCP_NDSP_MAX + 16] = {};
-        sockaddr_storage from{};
-        socklen_t from_len = sizeof from;
-        ssize_t n = recvfrom(prober_nbcp, data, sizeof data, 0, reinterpret_cast<sockaddr *>(&from),
-                             &from_len);
         std::unique_ptr<nbcp_msg> msg(new nbcp_msg());
-        nbcp_decode(data, static_cast<size_t>(n), msg.get());
+        nbcp_decode(got->bytes.data(), got->bytes.size(), msg.get());
         const nbcp_ndsp &a = msg->m.ndsp;
         const neighbor_ap self = self_ap_snapshot();
         // The cluster facts travel in the message, not in its AP description.
         bool fields_ok = a.kind_flag == 1 && a.ip == 0x0A000001 && a.mac == self.mac &&
                          a.info.mac == mac_addr{} && a.pvc_ip == 0x0A000101 && a.cluster_id == 7 &&
                          a.pvc_mac == self.info.pvc_mac && a.cluster_flag == 1;
-        return "from " + text_of(from) + " type " + std::to_string(msg->kind) + " mode " +
+        return (got->v4 ? got->dest : "IPv6") + " type " + std::to_string(msg->kind) + " mode " +
                std::to_string(a.mode) + " self state " + std::to_string(self.info.state) +
                (fields_ok ? " " : " fields differ ") + described(a.info);
     });
@@ -437,15 +385,10 @@ TEST_P(ProbeAnswer, GoesToTheProberOnTheNbcpPort) {
 INSTANTIATE_TEST_SUITE_P(
     Probes, ProbeAnswer,
     testing::Values(
-        probe_case{AF_INET, 0, false,
-                   "from 10.0.0.1 port 32766 type 11 mode 0 self state 2 " SELF_V4("2")},
-        probe_case{AF_INET, 2, true,
-                   "from 10.0.0.1 port 32766 type 11 mode 0 self state 0 " SELF_V4("0")},
-        probe_case{AF_INET, 3, true,
-                   "from 10.0.0.1 port 32766 type 11 mode 3 self state 9 " SELF_V4("3")},
-        probe_case{AF_INET6, 0, false,
-                   "from fd00::1 port 32766 type 11 mode 0 self state 2 " SELF_V4("2")},
-        probe_case{AF_INET6, 3, false,
-                   "from fd00::1 port 32766 type 11 mode 3 self state 9 " SELF_V4("3")}));
+        probe_case{AF_INET, 0, false, "127.0.0.1 type 11 mode 0 self state 2 " SELF_V4("2")},
+        probe_case{AF_INET, 2, true, "127.0.0.1 type 11 mode 0 self state 0 " SELF_V4("0")},
+        probe_case{AF_INET, 3, true, "127.0.0.1 type 11 mode 3 self state 9 " SELF_V4("3")},
+        probe_case{AF_INET6, 0, false, "IPv6 type 11 mode 0 self state 2 " SELF_V4("2")},
+        probe_case{AF_INET6, 3, false, "IPv6 type 11 mode 3 self state 9 " SELF_V4("3")}));
 
 }  // namespace
