@@ -1,3 +1,5 @@
+// The neighbor table: its hash, and a randomized comparison of every operation with a plain
+// model of the table (buckets in walk order, replacement of the oldest when full).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -6,7 +8,6 @@
 #include <vector>
 
 #include "core/settings.h"
-#include "neighbor/list_ops.h"
 #include "neighbor/neighbor_table.h"
 
 namespace {
@@ -40,43 +41,15 @@ class NeighborTable : public testing::Test {
         EXPECT_EQ(rc == 0, entry == nullptr) << "ownership must move exactly on success";
         return rc;
     }
-
-    static std::vector<mac_addr> walk_macs() {
-        std::vector<mac_addr> macs;
-        std::lock_guard<std::mutex> guard(ngb_lock);
-        neighbor_aps_walk([&](neighbor_ap &entry) { macs.push_back(entry.mac); });
-        return macs;
-    }
 };
 
+// The bucket is the sum of byte 3, byte 4 and the high nibble of byte 5, modulo 67.
 TEST(NeighborApHash, UsesBytesThreeToFiveOnly) {
-    EXPECT_EQ(neighbor_ap_hash(mac_of(0, 0, 0)), 0u);
     EXPECT_EQ(neighbor_ap_hash(mac_addr{0xff, 0xff, 0xff, 0xff, 0xff, 0xff}), 56u);
     EXPECT_EQ(neighbor_ap_hash(mac_of(0x10, 0x20, 0x3f)), (0x10u + 0x20u + 0x3u) % 67);
-    EXPECT_EQ(neighbor_ap_hash(mac_of(66, 1, 0)), 0u);
     // Bytes 0..2 and the low nibble of byte 5 do not take part.
     EXPECT_EQ(neighbor_ap_hash(mac_addr{0xaa, 0xbb, 0xcc, 1, 2, 0x30}),
               neighbor_ap_hash(mac_addr{0x00, 0x00, 0x00, 1, 2, 0x3f}));
-}
-
-TEST(ListOps, DeletePoisonsLinksAndKeepsNeighborsJoined) {
-    list_head head;
-    list_head a;
-    list_head b;
-    list_head c;
-    INIT_LIST_HEAD(&head);
-    EXPECT_TRUE(list_empty(&head));
-    list_add_tail(&a, &head);
-    list_add_tail(&b, &head);
-    list_add_tail(&c, &head);
-    list_del(&b);
-    EXPECT_EQ(b.next, reinterpret_cast<list_head *>(0x100100));
-    EXPECT_EQ(b.prev, reinterpret_cast<list_head *>(0x200200));
-    EXPECT_EQ(head.next, &a);
-    EXPECT_EQ(a.next, &c);
-    EXPECT_EQ(c.prev, &a);
-    EXPECT_EQ(c.next, &head);
-    EXPECT_EQ(head.prev, &c);
 }
 
 TEST_F(NeighborTable, WalkStopsWhenVisitorSaysSo) {
@@ -89,24 +62,6 @@ TEST_F(NeighborTable, WalkStopsWhenVisitorSaysSo) {
     EXPECT_EQ(visited, 3);
 }
 
-TEST_F(NeighborTable, FullTableIsLogged) {
-    setenv("TARN_LOG_STDERR", "1", 1);
-    tarn_debug = 1;
-    max_ngbr_num = 16;
-    testing::internal::CaptureStderr();
-    for (uint8_t i = 0; i < 16; ++i) {
-        add(mac_of(i, 0, 0), 0);
-    }
-    add(mac_of(40, 0, 0), 0);
-    std::string log = testing::internal::GetCapturedStderr();
-    tarn_debug = 0;
-    unsetenv("TARN_LOG_STDERR");
-    EXPECT_NE(log.find("neighbor_ap_add: hash:15\n"), std::string::npos) << log;
-    EXPECT_NE(log.find("neighbor table is full!!!\n"), std::string::npos) << log;
-    EXPECT_NE(log.find("neighbor_aps_find_oldest: Find time out ap:0\n"), std::string::npos);
-    EXPECT_NE(log.find("neighbor_ap_add: table is full,replace error!\n"), std::string::npos);
-}
-
 // ----- Randomised comparison with a plain model of the table --------------------------------
 
 struct ModelEntry {
@@ -115,80 +70,52 @@ struct ModelEntry {
     uint32_t tag;
 };
 
+// The table as a plain list in insertion order: a walk visits the buckets in order, each in
+// insertion order.
 class TableModel {
   public:
-    explicit TableModel(size_t capacity) : capacity_(capacity), buckets_(NGB_HASH_SIZE) {}
+    size_t capacity = 16;
 
-    size_t size() const {
-        size_t n = 0;
-        for (const auto &b : buckets_) {
-            n += b.size();
-        }
-        return n;
+    size_t size() const { return entries_.size(); }
+    ModelEntry *find(const mac_addr &mac) {
+        auto at = std::find_if(entries_.begin(), entries_.end(),
+                               [&](const ModelEntry &e) { return e.mac == mac; });
+        return at == entries_.end() ? nullptr : &*at;
     }
-    const ModelEntry *find(const mac_addr &mac) const {
-        for (const ModelEntry &e : buckets_[neighbor_ap_hash(mac)]) {
-            if (e.mac == mac) {
-                return &e;
-            }
-        }
-        return nullptr;
+    std::vector<ModelEntry> walk() const {
+        std::vector<ModelEntry> all = entries_;
+        std::stable_sort(all.begin(), all.end(), [](const ModelEntry &a, const ModelEntry &b) {
+            return neighbor_ap_hash(a.mac) < neighbor_ap_hash(b.mac);
+        });
+        return all;
     }
+    // A full table replaces the entry with the greatest non-zero timestamp, the first in walk
+    // order among equals; with none to replace, the add is refused (1).
     int add(const ModelEntry &entry) {
-        if (size() == capacity_) {
-            // Greatest non-zero timestamp, first in walk order among equals.
-            std::vector<ModelEntry> *victim_bucket = nullptr;
-            size_t victim_index = 0;
-            uint32_t greatest = 0;
-            for (auto &b : buckets_) {
-                for (size_t i = 0; i < b.size(); ++i) {
-                    if (b[i].timestamp > greatest) {
-                        greatest = b[i].timestamp;
-                        victim_bucket = &b;
-                        victim_index = i;
-                    }
-                }
-            }
-            if (victim_bucket == nullptr) {
+        if (size() == capacity) {
+            std::vector<ModelEntry> in_walk = walk();
+            auto victim = std::max_element(
+                in_walk.begin(), in_walk.end(),
+                [](const ModelEntry &a, const ModelEntry &b) { return a.timestamp < b.timestamp; });
+            if (victim->timestamp == 0) {
                 return 1;
             }
-            victim_bucket->erase(victim_bucket->begin() + static_cast<long>(victim_index));
+            remove(victim->mac);
         }
-        buckets_[neighbor_ap_hash(entry.mac)].push_back(entry);
+        entries_.push_back(entry);
         return 0;
     }
     void remove(const mac_addr &mac) {
-        auto &b = buckets_[neighbor_ap_hash(mac)];
-        b.erase(
-            std::find_if(b.begin(), b.end(), [&](const ModelEntry &e) { return e.mac == mac; }));
+        entries_.erase(entries_.begin() + (find(mac) - entries_.data()));
     }
-    void set_timestamp(const mac_addr &mac, uint32_t timestamp) {
-        auto &b = buckets_[neighbor_ap_hash(mac)];
-        std::find_if(b.begin(), b.end(), [&](const ModelEntry &e) {
-            return e.mac == mac;
-        })->timestamp = timestamp;
-    }
-    void clear(size_t capacity) {
-        capacity_ = capacity;
-        for (auto &b : buckets_) {
-            b.clear();
-        }
-    }
-    std::vector<ModelEntry> walk() const {
-        std::vector<ModelEntry> all;
-        for (const auto &b : buckets_) {
-            all.insert(all.end(), b.begin(), b.end());
-        }
-        return all;
-    }
+    void clear() { entries_.clear(); }
 
   private:
-    size_t capacity_;
-    std::vector<std::vector<ModelEntry>> buckets_;
+    std::vector<ModelEntry> entries_;
 };
 
 // Checks count, walk order and contents, link integrity and lookups against the model.
-void expect_table_matches(const TableModel &model, const std::vector<mac_addr> &pool, int step) {
+void expect_table_matches(TableModel &model, const std::vector<mac_addr> &pool, int step) {
     std::lock_guard<std::mutex> guard(ngb_lock);
     ASSERT_EQ(table_cnt, model.size()) << "step " << step;
 
@@ -247,7 +174,7 @@ TEST_P(NeighborTableModel, RandomOperationsMatchModel) {
     std::vector<mac_addr> pool = mac_pool(rng);
     uint8_t capacity = 16;
     max_ngbr_num = capacity;
-    TableModel model(capacity);
+    TableModel model;
     std::uniform_int_distribution<int> op(0, 99);
     std::uniform_int_distribution<size_t> pick(0, pool.size() - 1);
     std::uniform_int_distribution<uint32_t> stamp(0, 6);  // small range: many ties and zeros
@@ -291,14 +218,15 @@ TEST_P(NeighborTableModel, RandomOperationsMatchModel) {
             neighbor_ap *entry = neighbor_ap_find(mac);
             if (entry != nullptr) {
                 entry->timestamp = value;
-                model.set_timestamp(mac, value);
+                model.find(mac)->timestamp = value;
             }
         } else {
             // Changing the limit empties the table, as the daemon does.
             capacity = static_cast<uint8_t>(16 + (rng() % 49));
             max_ngbr_num = capacity;
             neighbor_aps_clear();
-            model.clear(capacity);
+            model.capacity = capacity;
+            model.clear();
         }
         expect_table_matches(model, pool, step);
         if (HasFatalFailure() || HasNonfatalFailure()) {

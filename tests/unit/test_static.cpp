@@ -1,20 +1,15 @@
-// The static neighbor store: the list primitives, editing, the file, the update pass and the
-// crash-safe save.
+// The static neighbor store: its edit and file rules, the formatted file, the crash-safe save
+// and the update pass that probes or queries every node.
 #include <arpa/inet.h>
 #include <cjson/cJSON.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/mount.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
-#include <cstring>
 #include <random>
 #include <sstream>
 #include <string>
@@ -31,299 +26,233 @@
 
 namespace {
 
-// The static neighbor list primitives: newest first, find by full MAC, remove anywhere.
-static_member *node_with_last_byte(uint8_t last) {
-    static_member *node = static_member_new();
-    node->info.mac = {0x02, 0, 0, 0, 0, last};
-    return node;
-}
-
-std::vector<uint8_t> last_bytes() {
-    std::vector<uint8_t> out;
-    for (static_member *node = static_member_list.head; node != nullptr; node = node->next) {
-        out.push_back(node->info.mac[5]);
-    }
-    return out;
-}
-
-class StaticList : public testing::Test {
-  protected:
-    void TearDown() override { static_member_clear(); }
-};
-
-TEST_F(StaticList, FindComparesAllSixBytesAndReturnsNearestTheHead) {
-    static_member *older = node_with_last_byte(7);
-    static_member *newer = node_with_last_byte(7);
-    static_member_push(older);
-    static_member_push(newer);
-    static_member_push(node_with_last_byte(8));
-    EXPECT_EQ(static_member_find({0x02, 0, 0, 0, 0, 7}), newer);
-    EXPECT_EQ(static_member_find({0x03, 0, 0, 0, 0, 7}), nullptr);
-}
-
-TEST_F(StaticList, RemoveHeadMiddleAndTail) {
-    for (uint8_t i = 1; i <= 4; ++i) {
-        static_member_push(node_with_last_byte(i));
-    }  // 4 3 2 1
-    static_member_remove(static_member_find({0x02, 0, 0, 0, 0, 3}));
-    EXPECT_EQ(last_bytes(), (std::vector<uint8_t>{4, 2, 1}));
-    static_member_remove(static_member_list.head);
-    EXPECT_EQ(last_bytes(), (std::vector<uint8_t>{2, 1}));
-    static_member_remove(static_member_find({0x02, 0, 0, 0, 0, 1}));
-    EXPECT_EQ(last_bytes(), (std::vector<uint8_t>{2}));
-    EXPECT_EQ(static_member_list.count, 1);
-}
-
-// Editing the static list: add or update, delete, replace; what each writes, which command it
-// runs in cluster mode, the eight-node capacity and refused texts.
 using static_env::contains;
 using static_env::list_text;
 
-constexpr const char *EMPTY_FILE = "{\n\t\"static_neighbor\":\t[]\n}";
-constexpr const char *USERCONFIG_SAVE = "call userconfig_reload userconfig_save\n";
+constexpr const char *M = "00:11:22:33:44:55";
 
-ap_info record(const char *mac, const char *ip) {
+std::string num(int value) {
+    return std::to_string(value);
+}
+
+// The MACs of a static neighbor file's array, or the raw text when it is no such file.
+std::string file_macs(const std::string &text) {
+    cJSON *root = cJSON_Parse(text.c_str());
+    const cJSON *list = cJSON_GetObjectItemCaseSensitive(root, "static_neighbor");
+    std::string macs = cJSON_IsArray(list) ? "[" : text;
+    const cJSON *entry = nullptr;
+    cJSON_ArrayForEach(entry, list) {
+        const cJSON *mac = cJSON_GetObjectItemCaseSensitive(entry, "mac");
+        macs += std::string(macs.size() > 1 ? " " : "") +
+                (cJSON_IsString(mac) ? mac->valuestring : "?");
+    }
+    cJSON_Delete(root);
+    return cJSON_IsArray(list) ? macs + "]" : macs;
+}
+
+std::string file_now() {
+    return file_macs(static_env::file_text());
+}
+
+ap_info record(const std::string &mac, const char *ip) {
     ap_info info{};
-    parse_mac_text(mac, info.mac);
+    parse_mac_text(mac.c_str(), info.mac);
     info.ip = inet_addr(ip);
     return info;
 }
 
-TEST(StaticEdit, AddOfAKnownMacChangesOnlyTheAddressesGiven) {
-    SKIP_UNLESS_ROOT();
-    std::string seen = static_env::run([] {
-        std::string out = std::to_string(static_mac_add("00:11:22:33:44:55", "10.0.0.5", nullptr));
-        out += " " + list_text();
-        out += " | " + std::to_string(static_mac_add("00:11:22:33:44:55", nullptr, "fd00::7"));
-        out += " " + list_text();
-        out += contains(static_env::file_text(), "fd00::7") ? " saved" : " not saved";
-        out += " | " + std::to_string(static_mac_add("00:11:22:33:44:55", "10.0.0.6", nullptr));
-        out += " " + list_text();
-        static_mac_add("00:11:22:33:44:55", nullptr, "bad::ip6::text");
-        return out + " | " + list_text() +
-               (contains(sandbox::log_text(), "inet_pton") ? " reported" : " unreported");
-    });
-    EXPECT_EQ(seen,
-              "0 00:11:22:33:44:55 10.0.0.5 :: 4 | 0 00:11:22:33:44:55 10.0.0.5 fd00::7 4 saved | "
-              "0 00:11:22:33:44:55 10.0.0.6 fd00::7 4 | 00:11:22:33:44:55 10.0.0.6 :: 4 reported");
+std::string mac_n(int n) {
+    char text[18];
+    snprintf(text, sizeof text, "00:00:00:00:00:%02x", n);
+    return text;
 }
 
-TEST(StaticEdit, AddLogsTheTexts) {
-    SKIP_UNLESS_ROOT();
-    std::string log = static_env::run([] {
-        static_mac_add("AA:bb:cc:dd:ee:ff", nullptr, "fd00::1");
-        return sandbox::log_text();
-    });
-    EXPECT_TRUE(contains(log, "mac is AA:bb:cc:dd:ee:ff, aa:bb:cc:dd:ee:ff\n")) << log;
-    EXPECT_TRUE(contains(log, "static_mac_add: add ip is 0.0.0.0\n")) << log;
-    EXPECT_TRUE(contains(log, "static_mac_add: add static ip6 is fd00::1\n")) << log;
-    EXPECT_TRUE(contains(log, "Add static neighbor ipv6 addr:[fd00::1]\n")) << log;
-    EXPECT_TRUE(contains(log, "save_as_json-")) << log;
+std::string head_mac() {
+    return static_env::mac_text(static_member_list.head->info.mac);
 }
 
-TEST(StaticEdit, DeleteOfAnUnknownMacFailsWithoutWriting) {
-    SKIP_UNLESS_ROOT();
-    std::string seen = static_env::run([] {
-        static_mac_add("00:11:22:33:44:55", nullptr, nullptr);
-        static_env::write_conf("untouched");
-        std::string out = std::to_string(static_mac_del("00:11:22:33:44:56"));
-        out += " " + std::to_string(static_mac_del(nullptr));
-        out += " " + std::to_string(static_mac_del("1:2:3:4:5:6:7"));
-        return out + " " + static_env::file_text() +
-               (contains(sandbox::log_text(),
-                         "static_mac_del: Can not find member in static neighbor list!\n")
-                    ? " logged"
-                    : " not logged");
-    });
-    EXPECT_EQ(seen, "-1 -1 -1 untouched logged");
-}
-
-TEST(StaticEdit, ReplaceWithDuplicatesGivesTwoNodesAndOneDeleteRemovesTheNewer) {
-    SKIP_UNLESS_ROOT();
-    std::string seen = static_env::run([] {
-        std::vector<ap_info> records = {record("00:00:00:00:00:01", "10.0.0.1"),
-                                        record("00:00:00:00:00:01", "10.0.0.2")};
-        std::string out = std::to_string(static_mac_qv(records.data(), 2));
-        out += " " + list_text();
-        static_mac_del("00:00:00:00:00:01");
-        return out + " | " + list_text();
-    });
-    EXPECT_EQ(seen,
-              "1 00:00:00:00:00:01 10.0.0.2 :: 4; 00:00:00:00:00:01 10.0.0.1 :: 4 | "
-              "00:00:00:00:00:01 10.0.0.1 :: 4");
-}
-
-TEST(StaticEdit, ReplaceWithZeroRecordsEmptiesListAndFile) {
-    SKIP_UNLESS_ROOT();
-    std::string seen = static_env::run([] {
-        static_mac_add("00:11:22:33:44:55", nullptr, nullptr);
-        int result = static_mac_qv(nullptr, 0);
-        return std::to_string(result) + " [" + list_text() + "] " + static_env::file_text();
-    });
-    EXPECT_EQ(seen, std::string("1 [] ") + EMPTY_FILE);
-}
-
-TEST(StaticEdit, ReplaceTakesOnlyMacAndAddresses) {
-    SKIP_UNLESS_ROOT();
-    std::string seen = static_env::run([] {
-        ap_info full = record("00:00:00:00:00:07", "10.0.0.7");
-        inet_pton(AF_INET6, "fd00::7", full.ip6.data());
-        full.state = AP_STATE_ACTIVE;
-        full.radiocnt = 2;
-        full.cluster_id = 9;
-        snprintf(full.name, sizeof full.name, "ap7");
-        static_mac_qv(&full, 1);
-        std::lock_guard<std::mutex> guard(stngbr_lock);
-        const ap_info &kept = static_member_list.head->info;
-        return std::to_string(kept.radiocnt) + " " + std::to_string(kept.cluster_id) + " [" +
-               kept.name + "] " + std::to_string(kept.state) + " " + static_env::ip6_text(kept.ip6);
-    });
-    EXPECT_EQ(seen, "0 0 [] 4 fd00::7");
-}
-
-TEST(StaticEdit, ClusterModeTellsTheConfigurationServiceAfterAddAndDeleteOnly) {
-    SKIP_UNLESS_ROOT();
-    std::string seen = static_env::run([] {
-        std::string out;
-        static_mac_add("00:00:00:00:00:01", nullptr, nullptr);
-        static_mac_del("00:00:00:00:00:01");
-        out += "plain [" + static_env::calls("ubus") + "]";
-        static_env::set_cluster_mode(true);
-        static_mac_add("00:00:00:00:00:02", "10.0.0.2", nullptr);
-        out += " add [" + static_env::calls("ubus") + "]";
-        static_mac_del("00:00:00:00:00:02");
-        out += " del [" + static_env::calls("ubus") + "]";
-        ap_info one = record("00:00:00:00:00:03", "10.0.0.3");
-        static_mac_qv(&one, 1);
-        static_mac_del("00:00:00:00:00:09");  // unknown: nothing runs
-        out += " qv [" + static_env::calls("ubus") + "]";
-        return out;
-    });
-    std::string one = USERCONFIG_SAVE;
-    EXPECT_EQ(seen, "plain [] add [" + one + "] del [" + one + one + "] qv [" + one + one + "]");
-}
-
-TEST(StaticEdit, AddRefusesANinthNodeButUpdatesAnExistingOne) {
-    SKIP_UNLESS_ROOT();
-    std::string seen = static_env::run([] {
-        std::string out;
-        for (int i = 1; i <= 8; ++i) {
-            std::string mac = "00:00:00:00:00:0" + std::to_string(i);
-            out += std::to_string(static_mac_add(mac.c_str(), nullptr, nullptr));
-        }
-        std::string file_before = static_env::file_text();
-        out += " " + std::to_string(static_mac_add("00:00:00:00:00:09", nullptr, nullptr));
-        out += static_env::file_text() == file_before ? " file kept" : " file changed";
-        out += " " + std::to_string(static_mac_add("00:00:00:00:00:01", "10.0.0.1", nullptr));
-        out += " count " + std::to_string(static_member_list.count);
-        out += contains(sandbox::log_text(),
-                        "static_mac_add: static neighbor list is full (8 "
-                        "nodes), 00:00:00:00:00:09 not added\n")
-                   ? " logged"
-                   : " not logged";
-        return out;
-    });
-    EXPECT_EQ(seen, "00000000 -1 file kept 0 count 8 logged");
-}
-
-TEST(StaticEdit, AddRefusesOverlongOrOvergroupedTexts) {
-    SKIP_UNLESS_ROOT();
-    std::string seen = static_env::run([] {
-        std::string long_mac(64, '1');
-        std::string out;
-        out += std::to_string(static_mac_add("1:2:3:4:5:6:7", nullptr, nullptr));
-        out += std::to_string(static_mac_add(long_mac.c_str(), nullptr, nullptr));
-        out += std::to_string(static_mac_add("00:00:00:00:00:01", "192.168.100.2001", nullptr));
-        out += std::to_string(static_mac_add(nullptr, "10.0.0.1", nullptr));
-        out += " [" + list_text() + "] " + static_env::file_text();
-        std::string log = sandbox::log_text();
-        out += static_env::occurrences(log,
-                                       "static_mac_add: MAC text refused (more than 6 groups "
-                                       "or 63 characters)\n") == 2
-                   ? " mac-logged"
-                   : "";
-        out += contains(log, "static_mac_add: IPv4 text refused (more than 15 characters)\n")
-                   ? " ip-logged"
-                   : "";
-        out += " " + std::to_string(static_mac_add("00:00:00:00:00:01", "192.168.100.200", ""));
-        return out + " " + list_text();
-    });
-    EXPECT_EQ(
-        seen,
-        "-1-1-1-1 [] (missing) mac-logged ip-logged 0 00:00:00:00:00:01 192.168.100.200 :: 4");
-}
-
-TEST(StaticEdit, ReplaceKeepsTheFirstEightRecords) {
-    SKIP_UNLESS_ROOT();
-    std::string seen = static_env::run([] {
-        std::vector<ap_info> records;
-        for (int i = 1; i <= 10; ++i) {
-            std::string mac = "00:00:00:00:00:" + std::to_string(10 + i);
-            records.push_back(record(mac.c_str(), "10.0.0.1"));
-        }
-        static_mac_qv(records.data(), static_cast<int32_t>(records.size()));
-        std::string log = sandbox::log_text();
-        return std::to_string(static_member_list.count) + " " +
-               static_env::mac_text(static_member_list.head->info.mac) +
-               (contains(log, "static_mac_qv: 10 records given, only the first 8 are kept\n") &&
-                        contains(log, "static_mac_qv: dropped static neighbor [00:00:00:00:00:20]")
-                    ? " logged"
-                    : " not logged");
-    });
-    EXPECT_EQ(seen, "8 00:00:00:00:00:18 logged");
-}
-
-// The static neighbor file: reading rules, list order, the formatted writer, cluster mode,
-// capacity and malformed entries, and the MAC text reader.
-using static_env::contains;
-using static_env::list_text;
-
-// --- MAC text reader (no file involved) ------------------------------------------------------
-
-struct mac_case {
-    const char *text;
-    int result;
-    const char *mac;  // out after the call; out starts as 01:01:01:01:01:01
+// One rule of the store: the steps report what they saw, and the log holds log_line.
+struct store_case {
+    const char *rule;
+    void (*steps)(std::ostream &out);
+    const char *seen;
+    const char *log_line;
 };
 
-class MacText : public testing::TestWithParam<mac_case> {};
+class StaticStore : public testing::TestWithParam<store_case> {};
 
-TEST_P(MacText, ReadsGroupsOrRefuses) {
-    const mac_case c = GetParam();
-    mac_addr out{1, 1, 1, 1, 1, 1};
-    EXPECT_EQ(parse_mac_text(c.text, out), c.result) << (c.text ? c.text : "(null)");
-    EXPECT_EQ(static_env::mac_text(out), c.mac) << (c.text ? c.text : "(null)");
+TEST_P(StaticStore, FollowsItsRule) {
+    SKIP_UNLESS_ROOT();
+    const store_case c = GetParam();
+    std::string seen = static_env::run([&c] {
+        std::ostringstream out;
+        c.steps(out);
+        std::string log = sandbox::log_text();
+        return contains(log, c.log_line) ? out.str()
+                                         : out.str() + " | log lacks " + c.log_line + ":\n" + log;
+    });
+    EXPECT_EQ(seen, c.seen) << c.rule;
 }
 
-const std::string SIXTY_THREE = "0000000000001:000000002:000000003:000000004:000000005:000000006";
-static_assert(sizeof "0000000000001:000000002:000000003:000000004:000000005:000000006" == 64);
-const std::string SIXTY_FOUR = "0" + SIXTY_THREE;
+INSTANTIATE_TEST_SUITE_P(
+    Rules, StaticStore,
+    testing::Values(
+        store_case{"add of a known MAC changes only the addresses given",
+                   [](std::ostream &out) {
+                       out << static_mac_add(M, "10.0.0.5", nullptr)
+                           << static_mac_add(M, nullptr, "fd00::7")
+                           << static_mac_add(M, "10.0.0.6", nullptr) << " " << list_text() << " "
+                           << file_now();
+                   },
+                   "000 00:11:22:33:44:55 10.0.0.6 fd00::7 4 [00:11:22:33:44:55]", ""},
+        store_case{"an unconvertible IPv6 text is reported and gives the zero address",
+                   [](std::ostream &out) {
+                       out << static_mac_add(M, "10.0.0.6", "fd00::7")
+                           << static_mac_add(M, nullptr, "bad::ip6::text") << " " << list_text();
+                   },
+                   "00 00:11:22:33:44:55 10.0.0.6 :: 4", "inet_pton"},
+        store_case{"add refuses a null MAC and overlong texts, takes 15 IPv4 characters",
+                   [](std::ostream &out) {
+                       out << static_mac_add("1:2:3:4:5:6:7", nullptr, nullptr)
+                           << static_mac_add(std::string(64, '1').c_str(), nullptr, nullptr)
+                           << static_mac_add(M, "192.168.100.2001", nullptr)
+                           << static_mac_add(nullptr, "10.0.0.1", nullptr) << " " << file_now()
+                           << " " << static_mac_add(M, "192.168.100.200", "") << " " << list_text();
+                   },
+                   "-1-1-1-1 (missing) 0 00:11:22:33:44:55 192.168.100.200 :: 4",
+                   "static_mac_add: IPv4 text refused (more than 15 characters)\n"},
+        store_case{"add refuses a ninth node without writing but updates a known one",
+                   [](std::ostream &out) {
+                       for (int i = 1; i <= 8; ++i) {
+                           out << static_mac_add(mac_n(i).c_str(), nullptr, nullptr);
+                       }
+                       std::string before = static_env::file_text();
+                       out << " " << static_mac_add(mac_n(9).c_str(), nullptr, nullptr)
+                           << (static_env::file_text() == before ? " kept " : " changed ")
+                           << static_mac_add(mac_n(1).c_str(), "10.0.0.1", nullptr) << " count "
+                           << static_member_list.count;
+                   },
+                   "00000000 -1 kept 0 count 8",
+                   "static_mac_add: static neighbor list is full (8 nodes), 00:00:00:00:00:09 "
+                   "not added\n"},
+        store_case{"delete of an unknown MAC fails and leaves the file",
+                   [](std::ostream &out) {
+                       static_mac_add(M, nullptr, nullptr);
+                       static_env::write_conf("untouched");
+                       out << static_mac_del("00:11:22:33:44:56") << static_mac_del(nullptr)
+                           << static_mac_del("1:2:3:4:5:6:7") << " " << file_now() << " "
+                           << list_text();
+                   },
+                   "-1-1-1 untouched 00:11:22:33:44:55 0.0.0.0 :: 4",
+                   "static_mac_del: Can not find member in static neighbor list!\n"},
+        store_case{"replace keeps a repeated MAC twice and one delete removes the newer",
+                   [](std::ostream &out) {
+                       ap_info two[] = {record(M, "10.0.0.1"), record(M, "10.0.0.2")};
+                       out << static_mac_qv(two, 2) << " " << file_now() << " " << static_mac_del(M)
+                           << " " << list_text();
+                   },
+                   "1 [00:11:22:33:44:55 00:11:22:33:44:55] 0 00:11:22:33:44:55 10.0.0.1 :: 4", ""},
+        store_case{"replace with no record empties the list and writes an empty array",
+                   [](std::ostream &out) {
+                       out << static_mac_add(M, nullptr, nullptr) << static_mac_qv(nullptr, 0)
+                           << " [" << list_text() << "] " << static_env::file_text();
+                   },
+                   "01 [] {\n\t\"static_neighbor\":\t[]\n}", ""},
+        store_case{"replace takes only the MAC and the addresses of a record",
+                   [](std::ostream &out) {
+                       ap_info full = record(M, "10.0.0.7");
+                       inet_pton(AF_INET6, "fd00::7", full.ip6.data());
+                       full.state = AP_STATE_ACTIVE;
+                       full.radiocnt = 2;
+                       full.cluster_id = 9;
+                       snprintf(full.name, sizeof full.name, "ap7");
+                       static_mac_qv(&full, 1);
+                       const ap_info &kept = static_member_list.head->info;
+                       out << int{kept.radiocnt} << kept.cluster_id << " [" << kept.name << "] "
+                           << list_text();
+                   },
+                   "00 [] 00:11:22:33:44:55 10.0.0.7 fd00::7 4", ""},
+        store_case{"replace keeps the first eight records",
+                   [](std::ostream &out) {
+                       std::vector<ap_info> records;
+                       for (int i = 1; i <= 10; ++i) {
+                           records.push_back(record(mac_n(i), "10.0.0.1"));
+                       }
+                       static_mac_qv(records.data(), 10);
+                       out << static_member_list.count << " " << head_mac();
+                   },
+                   "8 00:00:00:00:00:08",
+                   "static_mac_qv: 10 records given, only the first 8 are kept\n"},
+        store_case{"a load of more than eight entries keeps the first eight",
+                   [](std::ostream &out) {
+                       std::string file = R"({"static_neighbor": [)";
+                       for (int i = 1; i <= 10; ++i) {
+                           file += (i > 1 ? ", {\"mac\": \"" : "{\"mac\": \"") + mac_n(i) + "\"}";
+                       }
+                       static_env::write_conf(file + "]}");
+                       out << load_static_neighbor() << " cnt " << static_cnt << " count "
+                           << static_member_list.count << " " << head_mac();
+                   },
+                   "0 cnt 10 count 8 00:00:00:00:00:08",
+                   "dropped static neighbor [00:00:00:00:00:0a]\n"},
+        store_case{"in cluster mode add and delete ask the configuration service to save",
+                   [](std::ostream &out) {
+                       static_mac_add(mac_n(1).c_str(), nullptr, nullptr);
+                       static_mac_del(mac_n(1).c_str());
+                       out << "plain [" << static_env::calls("ubus") << "]";
+                       static_env::set_cluster_mode(true);
+                       static_mac_add(mac_n(2).c_str(), "10.0.0.2", nullptr);
+                       static_mac_del(mac_n(2).c_str());
+                       ap_info one = record(mac_n(3), "10.0.0.3");
+                       static_mac_qv(&one, 1);
+                       static_mac_del(mac_n(9).c_str());
+                       out << " cluster [" << static_env::calls("ubus") << "]";
+                   },
+                   "plain [] cluster [call userconfig_reload userconfig_save\n"
+                   "call userconfig_reload userconfig_save\n]",
+                   ""},
+        store_case{"in cluster mode the file holds no addresses, and loads so",
+                   [](std::ostream &out) {
+                       static_mac_add(M, "10.0.0.5", "fd00::5");
+                       static_env::set_cluster_mode(true);
+                       save_as_json();
+                       std::string file = static_env::file_text();
+                       load_static_neighbor();
+                       bool plain = contains(file, "\"0.0.0.0\"") && contains(file, "\"::\"");
+                       out << (plain ? "no addresses " : file) << list_text();
+                   },
+                   "no addresses 00:11:22:33:44:55 0.0.0.0 :: 4", ""},
+        store_case{"a new file's mode follows the creation mask; no temporary stays",
+                   [](std::ostream &out) {
+                       for (mode_t mask : {mode_t{0}, mode_t{022}}) {
+                           unlink(STATIC_NEIGHBOR_CONF_PATH);
+                           umask(mask);
+                           save_as_json();
+                           struct stat st {};
+                           stat(STATIC_NEIGHBOR_CONF_PATH, &st);
+                           out << std::oct << (st.st_mode & 0777) << " ";
+                       }
+                       bool tmp = sandbox::exists(std::string(STATIC_NEIGHBOR_CONF_PATH) + ".tmp");
+                       out << (tmp ? "tmp left" : "no tmp");
+                   },
+                   "666 644 no tmp", ""},
+        store_case{"an unwritable file fails the save, keeps the old file and the edit",
+                   [](std::ostream &out) {
+                       static_mac_add(mac_n(1).c_str(), nullptr, nullptr);
+                       mount(nullptr, "/var", nullptr, MS_REMOUNT | MS_RDONLY, nullptr);
+                       out << static_mac_add(mac_n(2).c_str(), nullptr, nullptr) << " "
+                           << save_as_json() << " " << file_now() << " " << head_mac();
+                   },
+                   "0 -1 [00:00:00:00:00:01] 00:00:00:00:00:02",
+                   "Can not open the file /var/config/static_neighbor.conf\n"}));
 
-INSTANTIATE_TEST_SUITE_P(Texts, MacText,
-                         testing::Values(mac_case{"aa:bb:cc:dd:ee:ff", 0, "aa:bb:cc:dd:ee:ff"},
-                                         mac_case{"AA:B:c:D:e:0F", 0, "aa:0b:0c:0d:0e:0f"},
-                                         mac_case{"123:1ff:2:3:4:5", 0, "23:ff:02:03:04:05"},
-                                         mac_case{"zz:1:2:3:4:5", 0, "00:01:02:03:04:05"},
-                                         mac_case{"1:2:3", 0,
-                                                  "01:02:03:01:01:01"},  // only the groups given
-                                         mac_case{"aa::bb:cc:dd:ee:ff", 0, "aa:bb:cc:dd:ee:ff"},
-                                         mac_case{"", 0, "01:01:01:01:01:01"},
-                                         mac_case{"1:2:3:4:5:6:7", -1, "01:01:01:01:01:01"},
-                                         mac_case{SIXTY_THREE.c_str(), 0, "01:02:03:04:05:06"},
-                                         mac_case{SIXTY_FOUR.c_str(), -1, "01:01:01:01:01:01"},
-                                         mac_case{nullptr, -1, "01:01:01:01:01:01"}));
-
-// --- Loading ----------------------------------------------------------------------------------
-
+// Loading the file: each case starts from a list of one node, 02:00:00:00:00:99.
 struct load_case {
     const char *name;
     const char *file;  // nullptr: no file at all
-    int result;
-    const char *list;  // list after the load, which starts as one node 02:00:00:00:00:99
-    const char *log;   // a line the load logs, or ""
+    const char *seen;  // "<result> | <list>"
+    const char *log_line;
 };
-
-const char *const PREVIOUS_LIST = "02:00:00:00:00:99 0.0.0.0 :: 4";
 
 class LoadFile : public testing::TestWithParam<load_case> {};
 
@@ -331,121 +260,57 @@ TEST_P(LoadFile, GivesResultListAndLog) {
     SKIP_UNLESS_ROOT();
     const load_case c = GetParam();
     std::string seen = static_env::run([&c] {
-        {
-            std::lock_guard<std::mutex> guard(stngbr_lock);
-            static_member *node = static_member_new();
-            node->info.mac = {2, 0, 0, 0, 0, 0x99};
-            static_member_push(node);
-        }
+        static_mac_add("02:00:00:00:00:99", nullptr, nullptr);
         if (c.file != nullptr) {
             static_env::write_conf(c.file);
         }
-        int result = load_static_neighbor();
-        std::string log = sandbox::log_text();
-        bool logged = c.log[0] == '\0' || contains(log, c.log);
-        return std::to_string(result) + " | " + list_text() + " | " +
-               (logged ? "logged" : "not logged: " + log);
+        std::string out = num(load_static_neighbor());
+        out += " | " + list_text();
+        return contains(sandbox::log_text(), c.log_line) ? out : out + " | log lacks the line";
     });
-    EXPECT_EQ(seen, std::to_string(c.result) + " | " + c.list + " | logged") << c.name;
+    EXPECT_EQ(seen, c.seen) << c.name;
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Files, LoadFile,
     testing::Values(
-        load_case{"missing file", nullptr, 0, PREVIOUS_LIST, ""},
-        load_case{"empty array", R"({"static_neighbor": []})", -1, "",
+        load_case{"missing file", nullptr, "0 | 02:00:00:00:00:99 0.0.0.0 :: 4", ""},
+        load_case{"empty array", R"({"static_neighbor": []})", "-1 | ",
                   "static neighbor is empty!!!\n"},
-        load_case{"empty file", "", -1, "", ""},
-        load_case{"not json", "static_neighbor", -1, "", "static neighbor is empty!!!\n"},
-        load_case{"member missing", R"({"other": [1]})", -1, "", ""},
-        load_case{"member not an array", R"({"static_neighbor": {"mac": "aa:aa:aa:aa:aa:aa"}})", -1,
-                  "", ""},
-        load_case{"only mac", R"({"static_neighbor": [{"mac": "00:11:22:33:44:55"}]})", 0,
-                  "00:11:22:33:44:55 0.0.0.0 :: 4", ""},
-        load_case{"empty ip", R"({"static_neighbor": [{"mac": "00:11:22:33:44:55", "ip": ""}]})", 0,
-                  "00:11:22:33:44:55 255.255.255.255 :: 4", ""},
-        load_case{"unconvertible ip",
-                  R"({"static_neighbor": [{"mac": "00:11:22:33:44:55", "ip": "10.0.0.x"}]})", 0,
-                  "00:11:22:33:44:55 255.255.255.255 :: 4", ""},
+        load_case{"empty file", "", "-1 | ", ""},
+        load_case{"not json", "static_neighbor", "-1 | ", "static neighbor is empty!!!\n"},
+        load_case{"member not an array", R"({"static_neighbor": {"mac": "aa:aa:aa:aa:aa:aa"}})",
+                  "-1 | ", ""},
+        load_case{"empty ip", R"({"static_neighbor": [{"mac": "00:11:22:33:44:55", "ip": ""}]})",
+                  "0 | 00:11:22:33:44:55 255.255.255.255 :: 4", ""},
         load_case{"unconvertible ip6",
-                  R"({"static_neighbor": [{"mac": "00:11:22:33:44:55", "ip6": "fd00::zz"}]})", 0,
-                  "00:11:22:33:44:55 0.0.0.0 :: 4", "inet_pton"},
-        load_case{"all three",
-                  R"({"static_neighbor": [{"mac": "AA:BB:CC:DD:EE:F", "ip": "10.0.0.5",)"
-                  R"( "ip6": "fd00::5", "other": 1}]})",
-                  0, "aa:bb:cc:dd:ee:0f 10.0.0.5 fd00::5 4", ""},
+                  R"({"static_neighbor": [{"mac": "00:11:22:33:44:55", "ip6": "fd00::zz"}]})",
+                  "0 | 00:11:22:33:44:55 0.0.0.0 :: 4", "inet_pton"},
         load_case{"members that are not strings count as absent",
-                  R"({"static_neighbor": [{"mac": 12, "ip": true, "ip6": null}]})", 0,
-                  "00:00:00:00:00:00 0.0.0.0 :: 4", ""},
-        load_case{"element that is not an object", R"({"static_neighbor": [5]})", 0,
-                  "00:00:00:00:00:00 0.0.0.0 :: 4", ""},
-        load_case{"seven groups skipped",
-                  R"({"static_neighbor": [{"mac": "1:2:3:4:5:6:7"}, {"mac": "0:0:0:0:0:2"}]})", 0,
-                  "00:00:00:00:00:02 0.0.0.0 :: 4",
+                  R"({"static_neighbor": [{"mac": 12, "ip": true, "ip6": null}, 5]})",
+                  "0 | 00:00:00:00:00:00 0.0.0.0 :: 4; 00:00:00:00:00:00 0.0.0.0 :: 4", ""},
+        // Each MAC group gives its low 8 bits; a group that is no number gives 0, a missing
+        // group leaves its byte at 0.
+        load_case{"MAC groups read as hexadecimal",
+                  R"({"static_neighbor": [{"mac": "123:1ff:zz:3"}]})",
+                  "0 | 23:ff:00:03:00:00 0.0.0.0 :: 4", ""},
+        load_case{"seven MAC groups skipped",
+                  R"({"static_neighbor": [{"mac": "1:2:3:4:5:6:7"}, {"mac": "0:0:0:0:0:2"}]})",
+                  "0 | 00:00:00:00:00:02 0.0.0.0 :: 4",
                   "load_static_neighbor: static neighbor entry 0 skipped: MAC text has more than "
                   "6 groups or 63 characters\n"},
         load_case{"long ip skipped",
-                  R"({"static_neighbor": [{"mac": "0:0:0:0:0:1"},)"
-                  R"( {"mac": "0:0:0:0:0:2", "ip": "192.168.100.2001"},)"
+                  R"({"static_neighbor": [{"mac": "0:0:0:0:0:2", "ip": "192.168.100.2001"},)"
                   R"( {"mac": "0:0:0:0:0:3", "ip": "192.168.100.200"}]})",
-                  0, "00:00:00:00:00:03 192.168.100.200 :: 4; 00:00:00:00:00:01 0.0.0.0 :: 4",
-                  "load_static_neighbor: static neighbor entry 1 skipped: IPv4 text has more "
+                  "0 | 00:00:00:00:00:03 192.168.100.200 :: 4",
+                  "load_static_neighbor: static neighbor entry 0 skipped: IPv4 text has more "
                   "than 15 characters\n"}));
 
-TEST(LoadFile, ThreeEntriesLoadReversedAndSaveInListOrder) {
-    SKIP_UNLESS_ROOT();
-    std::string seen = static_env::run([] {
-        static_env::write_conf(R"({"static_neighbor": [{"mac": "00:00:00:00:00:0a"},)"
-                               R"({"mac": "00:00:00:00:00:0b"}, {"mac": "00:00:00:00:00:0c"}]})");
-        int loaded = load_static_neighbor();
-        std::string list = list_text();
-        int saved = save_as_json();
-        std::string file = static_env::file_text();
-        size_t a = file.find("0a"), b = file.find("0b"), c = file.find("0c");
-        bool file_order = c < b && b < a && a != std::string::npos;
-        return std::to_string(loaded) + std::to_string(saved) + " " + std::to_string(static_cnt) +
-               " " + list + (file_order ? " file C,B,A" : " file: " + file);
-    });
-    EXPECT_EQ(seen,
-              "00 3 00:00:00:00:00:0c 0.0.0.0 :: 4; 00:00:00:00:00:0b 0.0.0.0 :: 4; "
-              "00:00:00:00:00:0a 0.0.0.0 :: 4 file C,B,A");
-}
-
-TEST(LoadFile, MoreThanEightEntriesKeepTheFirstEightAndNameTheRest) {
-    SKIP_UNLESS_ROOT();
-    std::string seen = static_env::run([] {
-        std::string file = R"({"static_neighbor": [)";
-        for (int i = 1; i <= 10; ++i) {
-            file += std::string(i > 1 ? "," : "") + R"({"mac": "00:00:00:00:00:0)" +
-                    std::to_string(i - 1) + "\"}";
-        }
-        static_env::write_conf(file + "]}");
-        int result = load_static_neighbor();
-        std::string log = sandbox::log_text();
-        std::string out = std::to_string(result) + " cnt " + std::to_string(static_cnt) +
-                          " count " + std::to_string(static_member_list.count) + " head " +
-                          static_env::mac_text(static_member_list.head->info.mac);
-        out += contains(log,
-                        "load_static_neighbor: static neighbor file holds 10 entries, only "
-                        "the first 8 are kept\n")
-                   ? " count-logged"
-                   : "";
-        out += contains(log, "dropped static neighbor [00:00:00:00:00:08]\n") &&
-                       contains(log, "dropped static neighbor [00:00:00:00:00:09]\n")
-                   ? " drops-logged"
-                   : "";
-        return out;
-    });
-    EXPECT_EQ(seen, "0 cnt 10 count 8 head 00:00:00:00:00:07 count-logged drops-logged");
-}
-
-// --- Saving -----------------------------------------------------------------------------------
-
-TEST(SaveFile, WritesTheFormattedTextInListOrder) {
+TEST(StaticFile, LoadsReversedAndWritesTheFormattedTextInLowerCase) {
     SKIP_UNLESS_ROOT();
     std::string file = static_env::run([] {
         static_env::write_conf(
-            R"({"static_neighbor": [{"mac": "AA:BB:CC:DD:EE:0F", "ip": "10.0.0.5"},)"
+            R"({"static_neighbor": [{"mac": "AA:BB:CC:DD:EE:F", "ip": "10.0.0.5", "x": 1},)"
             R"({"mac": "00:11:22:33:44:55", "ip6": "fd00::1"}]})");
         load_static_neighbor();
         save_as_json();
@@ -463,231 +328,74 @@ TEST(SaveFile, WritesTheFormattedTextInListOrder) {
               "\t\t}]\n}");
 }
 
-TEST(SaveFile, ClusterModeWritesNoAddressesAndSuchAFileLoadsWithout) {
-    SKIP_UNLESS_ROOT();
-    std::string seen = static_env::run([] {
-        static_env::write_conf(R"({"static_neighbor": [{"mac": "00:11:22:33:44:55",)"
-                               R"( "ip": "10.0.0.5", "ip6": "fd00::5"}]})");
-        load_static_neighbor();
-        static_env::set_cluster_mode(true);
-        save_as_json();
-        std::string file = static_env::file_text();
-        load_static_neighbor();
-        return std::string(contains(file, "\"ip\":\t\"0.0.0.0\"") &&
-                                   contains(file, "\"ip6\":\t\"::\"")
-                               ? "file without addresses; "
-                               : "file: " + file + "; ") +
-               list_text();
-    });
-    EXPECT_EQ(seen, "file without addresses; 00:11:22:33:44:55 0.0.0.0 :: 4");
-}
-
-TEST(SaveFile, EmptyListWritesAnEmptyArray) {
-    SKIP_UNLESS_ROOT();
-    std::string file = static_env::run([] {
-        save_as_json();
-        return static_env::file_text();
-    });
-    EXPECT_EQ(file, "{\n\t\"static_neighbor\":\t[]\n}");
-}
-
-TEST(SaveFile, NewFileModeFollowsTheCreationMaskAndNoTemporaryStays) {
-    SKIP_UNLESS_ROOT();
-    std::string seen = static_env::run([] {
-        std::string out;
-        for (mode_t mask : {mode_t{0}, mode_t{022}}) {
-            unlink(STATIC_NEIGHBOR_CONF_PATH);
-            umask(mask);
-            save_as_json();
-            struct stat st {};
-            stat(STATIC_NEIGHBOR_CONF_PATH, &st);
-            char mode[8];
-            snprintf(mode, sizeof mode, "%o ", st.st_mode & 0777);
-            out += mode;
-        }
-        out += sandbox::exists(std::string(STATIC_NEIGHBOR_CONF_PATH) + ".tmp") ? "tmp left"
-                                                                                : "no tmp";
-        return out;
-    });
-    EXPECT_EQ(seen, "666 644 no tmp");
-}
-
-TEST(SaveFile, UnwritableDirectoryFailsAndKeepsTheOldFile) {
-    SKIP_UNLESS_ROOT();
-    std::string seen = static_env::run([] {
-        static_env::write_conf(R"({"static_neighbor": [{"mac": "00:00:00:00:00:01"}]})");
-        load_static_neighbor();
-        std::string before = static_env::file_text();
-        mount(nullptr, "/var", nullptr, MS_REMOUNT | MS_RDONLY, nullptr);
-        int added = static_mac_add("00:00:00:00:00:02", nullptr, nullptr);
-        int saved = save_as_json();
-        bool logged = contains(sandbox::log_text(),
-                               "Can not open the file /var/config/static_neighbor.conf\n");
-        return std::to_string(added) + " " + std::to_string(saved) +
-               (static_env::file_text() == before ? " file kept" : " file changed") +
-               (logged ? " logged " : " not logged ") + list_text();
-    });
-    EXPECT_EQ(seen,
-              "0 -1 file kept logged 00:00:00:00:00:02 0.0.0.0 :: 4; "
-              "00:00:00:00:00:01 0.0.0.0 :: 4");
-}
-
-TEST(ReadWholeFile, GivesTheTextOrNothing) {
+TEST(ReadWholeFile, RefusesWhatIsNoRegularFileOrTooLarge) {
     SKIP_UNLESS_ROOT();
     std::string seen = static_env::run([] {
         sandbox::write_file("/tmp/text", "abc");
         sandbox::write_file("/tmp/empty", "");
-        std::string out;
-        std::unique_ptr<char[]> text = read_whole_file("/tmp/text");
-        out += text ? std::string(text.get()) : "null";
-        out += read_whole_file("/tmp/empty") ? " text" : " null";
-        out += read_whole_file("/tmp/none") ? " text" : " null";
-        out += read_whole_file("/tmp") ? " text" : " null";
+        sandbox::write_file("/tmp/big", std::string(WHOLE_FILE_MAX + 1, ' '));
         mkfifo("/tmp/fifo", 0644);
-        out += read_whole_file("/tmp/fifo") ? " text" : " null";
-        std::string big(WHOLE_FILE_MAX + 1, ' ');
-        sandbox::write_file("/tmp/big", big);
-        out += read_whole_file("/tmp/big") ? " text" : " null";
-        out += contains(sandbox::log_text(), "Can't open the file /tmp/none\n") ? " logged" : "";
+        std::string out = read_whole_file("/tmp/text").get();
+        for (const char *path : {"/tmp/empty", "/tmp/none", "/tmp", "/tmp/fifo", "/tmp/big"}) {
+            out += read_whole_file(path) ? " text" : " null";
+        }
         return out;
     });
-    EXPECT_EQ(seen, "abc null null null null null logged");
+    EXPECT_EQ(seen, "abc null null null null null");
 }
 
-// The static update pass: every node back to static offline, then one mode-3 probe per node
-// (newest first), or one cluster query per node in cluster mode; and its periodic timer.
-using static_env::contains;
-
-constexpr size_t PROBE_LEN = 60;
-constexpr size_t PROBE_MODE_BYTE = 19;
-
-// Every probe caught until none comes for 200 ms, each as "v4 <dest> m<mode>" or "v6 m<mode>".
-struct probe_receivers {
-    probe_capture capture;
-
-    std::string all() {
-        std::string seen;
-        while (auto got = capture.next(200)) {
-            std::string one = got->v4 ? "v4 " + got->dest : "v6";
-            uint8_t mode = got->bytes.size() > PROBE_MODE_BYTE ? got->bytes[PROBE_MODE_BYTE] : 0;
-            one += " m" + std::to_string(mode);
-            if (got->bytes.size() != PROBE_LEN) {
-                one += " len " + std::to_string(got->bytes.size());
-            }
-            seen += (seen.empty() ? "" : ", ") + one;
-        }
-        return seen.empty() ? "none" : seen;
+// The update pass: each probe caught as "<destination> m<mode>", IPv4 only.
+std::string probes_caught(probe_capture &capture) {
+    std::string seen;
+    while (auto got = capture.next(200)) {
+        seen += (seen.empty() ? "" : ", ") + got->dest + " m" +
+                (got->bytes.size() == 60 ? num(got->bytes[19]) : "?");
     }
-};
+    return seen.empty() ? "none" : seen;
+}
 
-void push_node(const char *mac, const char *ip, const char *ip6, uint8_t state) {
+void push_node(const std::string &mac, const char *ip, uint8_t state) {
     static_member *node = static_member_new();
-    parse_mac_text(mac, node->info.mac);
-    node->info.ip = ip != nullptr ? inet_addr(ip) : 0;
-    if (ip6 != nullptr) {
-        inet_pton(AF_INET6, ip6, node->info.ip6.data());
-    }
+    parse_mac_text(mac.c_str(), node->info.mac);
+    node->info.ip = inet_addr(ip);
     node->info.state = state;
     std::lock_guard<std::mutex> guard(stngbr_lock);
     static_member_push(node);
 }
 
 std::string states() {
-    std::lock_guard<std::mutex> guard(stngbr_lock);
     std::string out;
     for (static_member *node = static_member_list.head; node != nullptr; node = node->next) {
-        out += std::to_string(node->info.state);
+        out += num(node->info.state);
     }
     return out;
 }
 
-TEST(StaticUpdate, EmptyListSendsNothing) {
+TEST(StaticUpdate, ClusterModeQueriesEveryNodeInsteadOfProbing) {
     SKIP_UNLESS_ROOT();
     std::string seen = static_env::run([] {
-        probe_receivers listen;
-        update_static_neighbor();
-        return listen.all() +
-               (contains(sandbox::log_text(), "List is empty!!!\n") ? " logged" : "");
-    });
-    EXPECT_EQ(seen, "none logged");
-}
-
-TEST(StaticUpdate, ProbesEveryNodeNewestFirstWithMode3) {
-    SKIP_UNLESS_ROOT();
-    std::string seen = static_env::run([] {
-        probe_receivers listen;
-        push_node("00:00:00:00:00:01", "127.0.0.1", nullptr, AP_STATE_STATIC_ACTIVE);
-        push_node("00:00:00:00:00:02", "127.0.0.2", nullptr, AP_STATE_STATIC_ACTIVE);
-        push_node("00:00:00:00:00:03", "127.0.0.3", nullptr, AP_STATE_STATIC_OFFLINE);
-        update_static_neighbor();
-        std::string log = sandbox::log_text();
-        return listen.all() + " | " + states() +
-               (contains(log, "update_static_neighbor: static ip is 300007f!!!\n") ? " logged"
-                                                                                   : "");
-    });
-    EXPECT_EQ(seen, "v4 127.0.0.3 m3, v4 127.0.0.2 m3, v4 127.0.0.1 m3 | 444 logged");
-}
-
-TEST(StaticUpdate, ClusterModeSendsOneQueryPerNodeAndNoProbe) {
-    SKIP_UNLESS_ROOT();
-    std::string seen = static_env::run([] {
-        probe_receivers listen;
+        probe_capture capture;
         int dump = static_env::bind_local(STATIC_NEIGHBOR_DUMP_PATH);
         static_env::set_cluster_mode(true);
-        push_node("00:00:00:00:00:01", "127.0.0.1", nullptr, AP_STATE_STATIC_ACTIVE);
-        push_node("00:00:00:00:00:02", "127.0.0.2", nullptr, AP_STATE_STATIC_ACTIVE);
-        {
-            std::lock_guard<std::mutex> guard(stngbr_lock);
-            ap_info &newest = static_member_list.head->info;
-            snprintf(newest.name, sizeof newest.name, "ap-two");
-            newest.cluster_id = 0x01020304;
-        }
+        push_node(mac_n(1), "127.0.0.1", AP_STATE_STATIC_ACTIVE);
+        push_node(mac_n(2), "127.0.0.2", AP_STATE_STATIC_ACTIVE);
         update_static_neighbor();
         std::string out;
         uint8_t query[512];
-        ssize_t n;
-        while ((n = recv(dump, query, sizeof query, 0)) > 0) {
+        for (ssize_t n; (n = recv(dump, query, sizeof query, 0)) > 0;) {
             mac_addr mac;
             memcpy(mac.data(), query, 6);
-            ap_info rest{};
-            memcpy(reinterpret_cast<uint8_t *>(&rest) + offsetof(ap_info, tenantId), query + 6,
-                   150);
-            bool tail_zero = true;
-            for (size_t i = 156; i < 256; ++i) {
-                tail_zero = tail_zero && query[i] == 0;
-            }
-            out += std::to_string(n) + " " + static_env::mac_text(mac) + " [" + rest.name + "] " +
-                   std::to_string(rest.cluster_id) + " state " + std::to_string(rest.state) +
-                   (tail_zero ? " tail-zero" : " tail-set") + ", ";
+            out += num(static_cast<int>(n)) + " " + static_env::mac_text(mac) + ", ";
         }
         close(dump);
-        std::string log = sandbox::log_text();
-        return out + listen.all() + " | " + states() +
-               (contains(log, "get_cluster_list: mac:0:0:0:0:0:2\n") ? " logged" : "");
+        return out + probes_caught(capture) + " | " + states();
     });
-    EXPECT_EQ(seen,
-              "256 00:00:00:00:00:02 [ap-two] 16909060 state 4 tail-zero, "
-              "256 00:00:00:00:00:01 [] 0 state 4 tail-zero, none | 44 logged");
+    EXPECT_EQ(seen, "256 00:00:00:00:00:02, 256 00:00:00:00:00:01, none | 44");
 }
 
-TEST(StaticUpdate, ClusterQueryWithNobodyListeningIsLoggedAndTheRestGoesOn) {
-    SKIP_UNLESS_ROOT();
-    std::string seen = static_env::run([] {
-        static_env::set_cluster_mode(true);
-        push_node("00:00:00:00:00:01", "127.0.0.1", nullptr, AP_STATE_STATIC_ACTIVE);
-        push_node("00:00:00:00:00:02", "127.0.0.2", nullptr, AP_STATE_STATIC_ACTIVE);
-        update_static_neighbor();
-        return std::to_string(
-                   static_env::occurrences(sandbox::log_text(), "send packet failed,errno:")) +
-               " " + states();
-    });
-    EXPECT_EQ(seen, "2 44");
-}
-
-TEST(ClusterQuery, CarriesTheDescriptionAfterTheMac) {
+TEST(ClusterQuery, CarriesTheDescriptionAfterTheMacAndZerosBehind) {
     ap_info node{};
     node.mac = {1, 2, 3, 4, 5, 6};
-    node.ip = 0xAABBCCDD;
     snprintf(node.tenantId, sizeof node.tenantId, "tenant");
     node.cluster_flag = 1;
     cluster_query query = cluster_query_build(node);
@@ -699,70 +407,49 @@ TEST(ClusterQuery, CarriesTheDescriptionAfterTheMac) {
     }
 }
 
-TEST(StaticUpdateTimer, RunsThePassAndRearmsFor120Seconds) {
+// The timer runs the pass at once, which marks every node offline and probes it, newest first,
+// and re-arms for 120 s.
+TEST(StaticUpdate, TimerRunsThePassAndRearmsFor120Seconds) {
     SKIP_UNLESS_ROOT();
     std::string seen = static_env::run([] {
-        probe_receivers listen;
-        push_node("00:00:00:00:00:01", "127.0.0.1", nullptr, AP_STATE_STATIC_ACTIVE);
-        int64_t now = timer_now().sec;
+        probe_capture capture;
+        push_node(mac_n(1), "127.0.0.1", AP_STATE_STATIC_ACTIVE);
+        push_node(mac_n(2), "127.0.0.2", AP_STATE_STATIC_ACTIVE);
+        push_node(mac_n(3), "127.0.0.3", AP_STATE_STATIC_OFFLINE);
+        int64_t from = timer_now().sec;
         create_static_update_timer();
-        uint32_t first = static_update_id;
         fflush(stdout);
         testing::internal::CaptureStdout();
         timer_dump();
         std::string pending = testing::internal::GetCapturedStdout();
-        std::string expected_expiry = "expire=<" + std::to_string(now + 120);
-        std::string log = sandbox::log_text();
-        return listen.all() + " id " + std::to_string(first) +
-               (contains(pending, expected_expiry) ? " in 120 s" : " pending: " + pending) +
-               (contains(log, "Create static neighbor update timer\n") ? " logged" : "");
+        // Armed for 120 s after a moment between `from` and now.
+        std::string key = "id=<" + num(static_cast<int>(static_update_id)) + ">, expire=<";
+        bool in_120 = false;
+        for (int64_t second = from; second <= timer_now().sec; ++second) {
+            in_120 = in_120 || contains(pending, key + std::to_string(second + 120) + ",");
+        }
+        return probes_caught(capture) + " | " + states() + (in_120 ? " in 120 s" : pending);
     });
-    EXPECT_EQ(seen, "v4 127.0.0.1 m3 id 0 in 120 s logged");
+    EXPECT_EQ(seen, "127.0.0.3 m3, 127.0.0.2 m3, 127.0.0.1 m3 | 444 in 120 s");
 }
 
-// A process killed at any moment while it saves the static neighbor file never leaves a torn or
-// empty file: after every kill the file is the complete old or the complete new version.
-//
-// 200 kills of a child that saves two different lists in turn, each at a random moment; the whole
-// test takes a few seconds.
-constexpr int KILLS = 200;
-constexpr int MAX_DELAY_US = 4000;
-
+// A process killed at any moment while it saves never leaves a torn or empty file: after each
+// of 200 kills at random moments the file is the complete old or the complete new version.
 void set_list(int variant) {
     std::lock_guard<std::mutex> guard(stngbr_lock);
     static_member_clear();
-    int nodes = variant == 0 ? 3 : 6;
-    for (int i = 0; i < nodes; ++i) {
+    for (int i = 0; i < (variant == 0 ? 3 : 6); ++i) {
         static_member *node = static_member_new();
         node->info.mac = {0x02, static_cast<uint8_t>(variant), 0, 0, 0, static_cast<uint8_t>(i)};
         node->info.ip = 0x0100000A + static_cast<uint32_t>(i << 24);
         node->info.ip6[0] = 0xfd;
-        node->info.ip6[15] = static_cast<uint8_t>(i + variant);
         static_member_push(node);
     }
 }
 
-// The MACs of the file's array, or "unparsable".
-std::string parsed_macs(const std::string &text) {
-    cJSON *root = cJSON_Parse(text.c_str());
-    const cJSON *list = cJSON_GetObjectItemCaseSensitive(root, "static_neighbor");
-    if (!cJSON_IsArray(list)) {
-        cJSON_Delete(root);
-        return "unparsable";
-    }
-    std::string macs;
-    const cJSON *entry = nullptr;
-    cJSON_ArrayForEach(entry, list) {
-        const cJSON *mac = cJSON_GetObjectItemCaseSensitive(entry, "mac");
-        macs += cJSON_IsString(mac) ? std::string(mac->valuestring) + " " : "? ";
-    }
-    cJSON_Delete(root);
-    return macs;
-}
-
-// How long a new child takes to save once. Kills are spread over twice that (at least
-// MAX_DELAY_US), so that both versions get left behind however slowly the machine forks (an
-// emulator such as qemu-user takes tens of milliseconds).
+// How long a new child takes to save once: kills are spread over twice that (4 ms at least),
+// so both versions get left behind however slowly the machine forks (qemu-user takes tens of
+// milliseconds).
 int save_cycle_us() {
     auto start = std::chrono::steady_clock::now();
     pid_t saver = fork();
@@ -778,19 +465,19 @@ int save_cycle_us() {
 TEST(StaticSaveCrash, EveryKillLeavesACompleteVersion) {
     SKIP_UNLESS_ROOT();
     std::string seen = static_env::run([] {
-        std::vector<std::string> versions;
+        std::string versions[2];
         for (int variant = 0; variant < 2; ++variant) {
             set_list(variant);
             save_as_json();
-            versions.push_back(static_env::file_text());
+            versions[variant] = static_env::file_text();
         }
-        if (versions[0] == versions[1] || parsed_macs(versions[0]) == "unparsable") {
+        if (file_macs(versions[0]).rfind('[', 0) != 0 || versions[0] == versions[1]) {
             return std::string("versions not distinct");
         }
         std::mt19937 random(12345);
-        std::uniform_int_distribution<int> delay(0, std::max(MAX_DELAY_US, 2 * save_cycle_us()));
-        int seen_version[2] = {0, 0};
-        for (int kill_no = 0; kill_no < KILLS; ++kill_no) {
+        std::uniform_int_distribution<int> delay(0, std::max(4000, 2 * save_cycle_us()));
+        int left_behind[2] = {0, 0};
+        for (int kill_no = 0; kill_no < 200; ++kill_no) {
             fflush(nullptr);
             pid_t saver = fork();
             if (saver == 0) {
@@ -804,14 +491,13 @@ TEST(StaticSaveCrash, EveryKillLeavesACompleteVersion) {
             waitpid(saver, nullptr, 0);
             std::string text = static_env::file_text();
             int which = text == versions[0] ? 0 : text == versions[1] ? 1 : -1;
-            if (which < 0 || parsed_macs(text) != parsed_macs(versions[which])) {
-                return "kill " + std::to_string(kill_no) + " left:\n" + text;
+            if (which < 0) {
+                return "kill " + num(kill_no) + " left:\n" + text;
             }
-            ++seen_version[which];
+            ++left_behind[which];
         }
         // Both versions must have been left behind at some kills, or the saves never ran.
-        return std::string(seen_version[0] > 0 && seen_version[1] > 0 ? "complete"
-                                                                      : "one version only");
+        return std::string(left_behind[0] > 0 && left_behind[1] > 0 ? "complete" : "one only");
     });
     EXPECT_EQ(seen, "complete");
 }
