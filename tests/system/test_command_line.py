@@ -102,9 +102,6 @@ def test_show_tables_match_the_golden_text(make_lab, words, golden):
     assert not os.path.exists(ap.path(CLIENT_PATH))
 
 
-DAEMON_ENV = {"TARN_LOG_STDERR": "1", "TARN_DRIVER_PORT": "100"}
-
-
 @pytest.mark.parametrize("args, stdout, sent, stderr", [
     (["-h"], USAGE, [], ""),
     (["-D", "-x"], USAGE, [], ""),
@@ -125,7 +122,9 @@ def test_command_line_prints_and_sends(node, args, stdout, sent, stderr):
     alias = "/tmp/other-name"
     os.symlink(node.lab.tarn_binary, node.path(alias))
     with local_listener(node, TARN_SOCKET) as daemon_side:
-        result = node.exec([alias] + args, timeout=SHORT, env=DAEMON_ENV)
+        result = node.exec([alias] + args, timeout=SHORT,
+                           env={"TARN_LOG_STDERR": "1",
+                                "TARN_DRIVER_PORT": str(node.config["driver_port"])})
         received = receive_all(daemon_side, wait=0.2)
 
     assert result.returncode == 0
