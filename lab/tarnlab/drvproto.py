@@ -86,19 +86,6 @@ def parse_header(data):
 
 # ----- messages from the daemon to the driver -------------------------------------------------
 
-def encode_daemon_message(op, value=0, ip="", ip6="", mac="00:00:00:00:00:00", max_ngbr=0,
-                          port=DAEMON_PORT):
-    """A complete 48-byte message as the daemon sends it (used to check the decoder)."""
-    payload = bytearray(DRV_MSG_LEN)
-    payload[0] = op
-    payload[1] = value
-    payload[4:8] = ip4_bytes(ip)
-    payload[8:24] = ip6_bytes(ip6)
-    payload[24:30] = mac_bytes(mac)
-    payload[30] = max_ngbr
-    return frame(bytes(payload), port)
-
-
 def decode_daemon_message(data):
     """Decodes one message received from the daemon into a plain dict.
 
@@ -184,56 +171,11 @@ def encode_cache_entry(mac, ip="", ip6="", radios=(), time_value=0):
     return bytes(entry)
 
 
-def encode_cache_reply(entries, count=None):
-    """Payload of event 3: byte 32 holds the entry count, the entries start at byte 36.
-
-    `count` overrides the count byte, which lets a test announce more entries than it sends."""
+def encode_cache_reply(entries):
+    """Payload of event 3: byte 32 holds the entry count, the entries start at byte 36."""
     if len(entries) > CACHE_MAX_ENTRIES:
         raise ValueError(f"{len(entries)} cache entries, at most {CACHE_MAX_ENTRIES}")
     head = bytearray(CACHE_ENTRIES_OFFSET)
     head[0] = EV_CACHE
-    head[CACHE_COUNT_OFFSET] = len(entries) if count is None else count & 0xFF
+    head[CACHE_COUNT_OFFSET] = len(entries)
     return bytes(head) + b"".join(entries)
-
-
-def decode_cache_entry(entry):
-    if len(entry) != CACHE_ENTRY_LEN:
-        raise ValueError(f"cache entry of {len(entry)} bytes")
-    radios = []
-    for slot in range(RADIO_SLOTS):
-        base = 60 + 5 * slot
-        radioid, channel, txpower, rssi, bandwidth = entry[base:base + 5]
-        radios.append({"radioid": radioid, "channel": channel, "txpower": txpower,
-                       "rssi": rssi, "bandwidth": bandwidth})
-    return {
-        "mac": mac_text(entry[32:38]),
-        "ip": ip4_text(entry[40:44]),
-        "ip6": ip6_text(entry[44:60]),
-        "radios": radios,
-        "time": struct.unpack_from("=I", entry, 80)[0],
-    }
-
-
-def decode_event(data):
-    """Decodes a framed driver event (what the daemon receives) into a dict."""
-    header = parse_header(data)
-    payload = bytes(data[NLMSG_HDR_LEN:])
-    op = payload[0] if payload else None
-    event = {"header": header, "op": op}
-    padded = payload + bytes(max(0, 36 - len(payload)))
-    if op == EV_HEARD:
-        event.update(ip=ip4_text(padded[4:8]), ip6=ip6_text(padded[8:24]),
-                     mac=mac_text(padded[24:30]), radio=padded[30], channel=padded[31],
-                     rssi=padded[32], bandwidth=padded[33])
-    elif op == EV_DROP:
-        event.update(mac=mac_text(padded[24:30]))
-    elif op == EV_CACHE:
-        count = padded[CACHE_COUNT_OFFSET]
-        entries = []
-        for index in range(count):
-            start = CACHE_ENTRIES_OFFSET + index * CACHE_ENTRY_LEN
-            if start + CACHE_ENTRY_LEN > len(payload):
-                break
-            entries.append(decode_cache_entry(payload[start:start + CACHE_ENTRY_LEN]))
-        event.update(count=count, entries=entries)
-    return event

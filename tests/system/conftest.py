@@ -38,7 +38,6 @@ def _interrupt(_signum, _frame):
 
 
 def pytest_configure(config):
-    config.addinivalue_line("markers", "no_root: the test runs without root")
     if nsutil.is_root():
         for name in labmod.stale_test_labs():
             labmod.Lab(1, name=name).down()
@@ -51,8 +50,7 @@ def pytest_collection_modifyitems(config, items):
         return
     skip = pytest.mark.skip(reason=ROOT_REASON)
     for item in items:
-        if "no_root" not in item.keywords:
-            item.add_marker(skip)
+        item.add_marker(skip)
 
 
 @pytest.hookimpl(tryfirst=True, hookwrapper=True)

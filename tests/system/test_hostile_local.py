@@ -11,9 +11,8 @@ import time
 
 import pytest
 
-from tarnlab.nsutil import netns_entered
-from tarnlab.nbcp import NBCP_PORT, probe_answered
-from tarnsys import CLIENT_PATH, LISTENING_LOG
+from tarnlab.nbcp import probe_answered
+from tarnsys import BUS_SOCKET, CLIENT_PATH, LISTENING_LOG, udp_socket_in
 
 REQUESTS = 40  # far beyond the default queue of 10 datagrams per receiving socket
 HOSTILE_PATH = "/tmp/never_reads"
@@ -70,10 +69,7 @@ def test_a_reader_that_never_reads_does_not_stall_the_receive_thread(make_lab, p
         {"name": "ap1", "mode": mode, "static_neighbors": [STATIC]}, {"name": "ap2"}]},
         daemons=False)
     ap1, ap2 = lab.ap("ap1"), lab.ap("ap2")
-    with netns_entered(ap2.netns):
-        prober = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-    with prober:
-        prober.bind(("0.0.0.0", NBCP_PORT))
+    with udp_socket_in(ap2) as prober:
         ap1.start_daemon(["-D"])
         ap1.wait_log(LISTENING_LOG)
         mark = ap1.log_mark()
@@ -89,7 +85,6 @@ def test_a_reader_that_never_reads_does_not_stall_the_receive_thread(make_lab, p
 
 
 IDLE_CONNECTIONS = 20
-BUS_SOCKET = "/tmp/socket/tarn_bus"
 # One idle connection used to hold the bus for its 1 s deadline; these bounds sit far below
 # what twenty of them cost (20 s) and below one deadline, yet far above a served call.
 CALL_BOUND_S = 5.0

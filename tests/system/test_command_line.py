@@ -1,0 +1,135 @@
+"""The program's command line and its local socket against real daemons: the daemon's sockets,
+the four show tables (static neighbors loaded from the file at start), get/set rssi, and what
+each client command line sends to the daemon's socket, or prints instead."""
+
+import os
+import stat
+import time
+
+import pytest
+
+from tarnlab import drvproto
+from tarnsys import (CLIENT_PATH, LISTENING_LOG, TARN_SOCKET, local_listener, local_message,
+                     receive_all)
+
+SHORT = 10  # seconds a command that should end at once may take
+SHOW_TIMEOUT = 15  # seconds a show client waits for the daemon's list
+GOLDEN = os.path.join(os.path.dirname(os.path.abspath(__file__)), "golden")
+
+USAGE = ("Usage: %s [-h] [-D] [-V version] [-n num] [-R rssi]\n\n"
+         "Options: Description (default value)\n"
+         "  -h\t\tHelp\n"
+         "  -D\t\tDebug mode, log output\n"
+         "  -V <1-255>\tRunning version (1)\n"
+         "  -R <1-200>\tRssi threshold, noise floor adjuested (5)\n"
+         "  -n <16-64>\tMax dynamic neighbor count (64)\n\n"
+         "Other usage:\n"
+         "  tarn show  (display all neigbor aps wireless info)\n"
+         "  tarn show cluster (display all neigbor aps cluster info)\n"
+         "  tarn set rssi xxx  (set tarn rssi threshold)\n"
+         "  tarn set V xxx  (set tarn running version)\n"
+         "  tarn set count xxx  (set tarn max dynamic neighbor)\n"
+         "  tarn get rssi (get rssi info)\n")
+
+
+def start(node):
+    node.start_daemon(["-D"])
+    node.wait_log(LISTENING_LOG)
+
+
+def test_daemon_sockets_and_a_second_daemon(node):
+    start(node)
+
+    # ss prints a wildcard IPv6 socket as [::] when it is v6-only and as * when it also takes
+    # IPv4 traffic.
+    listing = node.exec(["ss", "-H", "-uln"], check=True).stdout.split()
+    assert {"0.0.0.0:32766", "[::]:32766"} <= set(listing) and "*:32766" not in listing
+    with open(f"/proc/{node.holder_pid}/net/netlink", encoding="ascii") as table:
+        netlink = [tuple(int(f) for f in line.split()[1:3]) for line in list(table)[1:]]
+    assert (drvproto.NETLINK_USERSOCK, drvproto.DAEMON_PORT) in netlink
+    # The file-creation mask is cleared first, so anyone on the AP may send to the socket.
+    assert stat.S_IMODE(os.stat(node.path(TARN_SOCKET)).st_mode) == 0o777
+
+    second = node.exec([node.lab.tarn_binary, "-D"], timeout=SHORT,
+                       env={"TARN_LOG_STDERR": "1",
+                            "TARN_DRIVER_PORT": str(node.config["driver_port"])})
+    assert second.returncode == 1
+    assert "tarn_socket_init: Bind recv nbcp socket failed" in second.stderr
+    assert node.tarn("get", "rssi", timeout=SHORT).stdout == "current rssi  limit:5\n"
+
+
+def test_get_rssi_prints_the_default_then_the_value_set(node):
+    start(node)
+    assert node.tarn("get", "rssi", timeout=SHORT).stdout == "current rssi  limit:5\n"
+
+    assert node.tarn("set", "rssi", "44", timeout=SHORT).returncode == 0
+    node.wait_log(r"handle_recvmsg: operation=4\b")
+    assert node.tarn("get", "rssi", timeout=SHORT).stdout == "current rssi  limit:44\n"
+
+
+def test_show_without_a_daemon_prints_nothing_after_its_time_out(node):
+    began = time.monotonic()
+    result = node.tarn("show", timeout=SHOW_TIMEOUT + 10)
+
+    assert (result.returncode, result.stdout) == (0, "")
+    assert time.monotonic() - began >= SHOW_TIMEOUT - 0.5
+    assert os.path.exists(node.path(CLIENT_PATH))
+
+
+# Two static neighbors that never answer, one with only an IPv4 and one with only an IPv6
+# address: the tables show them in list order, the file's last entry first.
+STATICS = [{"mac": "02:00:00:00:00:51", "ip": "10.99.0.51"},
+           {"mac": "02:00:00:00:00:52", "ip6": "fd00:99::52"}]
+
+
+@pytest.mark.parametrize("words, golden", [
+    ([], "show_wireless.txt"),
+    (["anything"], "show_wireless.txt"),
+    (["cluster"], "show_cluster.txt"),
+    (["ubus"], "show_ubus.txt"),
+    (["neighbor"], "show_neighbor.txt"),
+], ids=["wireless", "other-word", "cluster", "ubus", "neighbor"])
+def test_show_tables_match_the_golden_text(make_lab, words, golden):
+    lab = make_lab({"hears": "none", "aps": [{"name": "ap1", "static_neighbors": STATICS}]},
+                   bridge=False)
+    ap = lab.ap("ap1")
+    ap.wait_log(LISTENING_LOG)
+
+    result = ap.tarn("show", *words, timeout=SHOW_TIMEOUT + 5)
+
+    with open(os.path.join(GOLDEN, golden), encoding="ascii") as expected:
+        assert (result.returncode, result.stdout) == (0, expected.read())
+    assert not os.path.exists(ap.path(CLIENT_PATH))
+
+
+@pytest.mark.parametrize("args, stdout, sent, stderr", [
+    (["-h"], USAGE, [], ""),
+    (["-D", "-x"], USAGE, [], ""),
+    (["-V", "0", "-D"], "", [], ""),  # rejected before debug output was on
+    (["-D", "-V", "512"], "", [], "invalid arg -V, please input a number in 1-255!"),
+    (["-D", "-n", "65"], "", [], "invalid arg -n,allowed max dynamic neighbor is 16-64"),
+    (["set", "rssi", "201"], "error arg, please input a  number  in  1-200 !\n", [], ""),
+    (["set", "count", "15"], "invalid arg, allowed max dynamic neighbor is 16-64\n", [], ""),
+    (["set", "V", "0"], "error arg, please input a number in 1-255 !\n", [], ""),
+    (["get", "foo"], "", [], ""),
+    (["set", "rssi", "300"], "", [local_message(4, 44)], ""),
+    (["set", "count", "32"], "", [local_message(12, 32)], ""),
+    (["set", "V", "7"], "", [local_message(11, 7)], ""),
+    (["static", "update"], "", [local_message(9)], ""),
+])
+def test_command_line_prints_and_sends(node, args, stdout, sent, stderr):
+    # Under another name: the usage names the path the program was started as.
+    alias = "/tmp/other-name"
+    os.symlink(node.lab.tarn_binary, node.path(alias))
+    with local_listener(node, TARN_SOCKET) as daemon_side:
+        result = node.exec([alias] + args, timeout=SHORT,
+                           env={"TARN_LOG_STDERR": "1",
+                                "TARN_DRIVER_PORT": str(node.config["driver_port"])})
+        received = receive_all(daemon_side, wait=0.2)
+
+    assert result.returncode == 0
+    assert result.stdout == (stdout % alias if "%s" in stdout else stdout)
+    assert received == sent
+    assert stderr in result.stderr and "init ok!" not in result.stderr
+    if not stderr:
+        assert "invalid arg" not in result.stderr
