@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <ctime>
 
 #include "core/settings.h"
 #include "util/local_socket.h"
@@ -21,6 +22,16 @@ void release_pages(void *p, size_t n) {
     }
 }
 
+// More resident blocks than this after one decode count as spread out.
+constexpr size_t SPREAD_BLOCKS = 16;
+constexpr long RELEASE_INTERVAL_MS = 1000;
+
+long monotonic_ms() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * 1000L + now.tv_nsec / 1000000L;
+}
+
 }  // namespace
 
 nbcp_decode_area::nbcp_decode_area() : touched(&msg) {
@@ -29,8 +40,23 @@ nbcp_decode_area::nbcp_decode_area() : touched(&msg) {
 }
 
 int nbcp_decode_area::parse(const uint8_t *data, size_t len) {
-    touched.clear(&msg);
+    if (touched.clear(&msg) > SPREAD_BLOCKS) {
+        spread_ = true;
+    }
+    if (spread_) {
+        release_spread_pages();
+    }
     return nbcp_parse(data, len, &msg, &touched);
+}
+
+void nbcp_decode_area::release_spread_pages() {
+    const long now = monotonic_ms();
+    if (now < next_release_ms_) {
+        return;
+    }
+    release_pages(&msg, sizeof msg);  // already all zero: only residency changes
+    spread_ = false;
+    next_release_ms_ = now + RELEASE_INTERVAL_MS;
 }
 
 received_datagram::received_datagram(int sock, void *from, socklen_t *from_len, int kind) {

@@ -24,6 +24,15 @@ struct nbcp_decode_area {
 
     // Clears what the previous datagram wrote, then decodes this one (printing its type line).
     int parse(const uint8_t *data, size_t len);
+
+  private:
+    // A crafted datagram can write a few bytes into each of a few hundred pages of the record;
+    // clearing zeroes them but leaves them resident. Such pages go back to the kernel at the
+    // next decode, at most once a second, so that a flood of them costs no fault per datagram.
+    void release_spread_pages();
+
+    bool spread_ = false;
+    long next_release_ms_ = 0;
 };
 
 // One datagram received into buffer; its bytes are cleared again when it goes out of scope, so

@@ -6,10 +6,12 @@
 nbcp_touched::nbcp_touched(const nbcp_msg *msg)
     : base_(reinterpret_cast<uintptr_t>(msg) / LINE * LINE) {}
 
-void nbcp_touched::clear(nbcp_msg *msg) {
+size_t nbcp_touched::clear(nbcp_msg *msg) {
+    size_t blocks = 0;
     const uintptr_t record_begin = reinterpret_cast<uintptr_t>(msg);
     const uintptr_t record_end = record_begin + sizeof(nbcp_msg);
     for (size_t w = first_word_; w < last_word_; ++w) {
+        blocks += words_[w] != 0;
         for (uint64_t bits = words_[w]; bits != 0; bits &= bits - 1) {
             const size_t line = w * 64 + static_cast<size_t>(__builtin_ctzll(bits));
             const uintptr_t line_begin = base_ + line * LINE;
@@ -25,6 +27,7 @@ void nbcp_touched::clear(nbcp_msg *msg) {
     }
     first_word_ = WORDS;
     last_word_ = 0;
+    return blocks;
 }
 
 size_t nbcp_touched::lines() const {

@@ -38,8 +38,9 @@ class nbcp_touched {
     }
 
     // Zeroes every line written since the last clear (only the part inside the record) and
-    // forgets them: afterwards the whole record reads as zero again.
-    void clear(nbcp_msg *msg);
+    // forgets them: afterwards the whole record reads as zero again. Returns how many aligned
+    // 4 KiB blocks held those lines, i.e. about how many pages the decode made resident.
+    size_t clear(nbcp_msg *msg);
 
     // Lines currently recorded as written.
     size_t lines() const;
