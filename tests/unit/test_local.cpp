@@ -164,7 +164,7 @@ size_t resident_pages(const void *p, size_t n) {
 
 // A crafted datagram that writes a few bytes into each of hundreds of pages of the decode area
 // (255 entry heads of a fixed-layout kind) leaves them resident only until the next decode.
-TEST(LocalSocket, SpreadDecodeAreaPagesGoBackToTheKernel) {
+TEST(ReceiveArea, SpreadDecodePagesGoBackToTheKernel) {
     auto area = std::make_unique<nbcp_decode_area>();
     std::vector<uint8_t> spread = {0, 0, 0, 5, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 255};
     for (int entry = 0; entry < 255; ++entry) {
