@@ -16,7 +16,7 @@
 #include "ubus/json_ref.h"
 #include "ubus/methods.h"
 #include "ubus/policy.h"
-#include "ubus/show_table.h"
+#include "ubus/show_methods.h"
 
 namespace {
 

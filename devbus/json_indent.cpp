@@ -1,6 +1,6 @@
 #include <string>
 
-#include "ubus/bus_client.h"
+#include "devbus/bus_client.h"
 
 namespace {
 
