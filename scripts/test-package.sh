@@ -60,6 +60,11 @@ else
 fi
 
 say "package build (x86-64, Release, as a packager configures it) and its install tree"
+# A build tree made from the other source folder (whole tree or package copy) cannot be reused.
+made_from=$(sed -n 's/^CMAKE_HOME_DIRECTORY:INTERNAL=//p' "$out/x86_64/CMakeCache.txt" 2>/dev/null || true)
+if [ "$made_from" != "$(cd "$pkg_sources" && pwd)" ]; then
+    rm -rf "$out/x86_64"
+fi
 cmake -S "$pkg_sources" -B "$out/x86_64" -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr \
     -DTARN_WERROR=ON "${bus_x86[@]}" >/dev/null
 cmake --build "$out/x86_64" -j"$JOBS"
