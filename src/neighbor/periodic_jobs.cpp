@@ -83,7 +83,7 @@ void create_table_ageing_timer(void *) {
 void create_static_update_timer(void *) {
     TARN_DBG("Create static neighbor update timer\n");
     update_static_neighbor();
-    static_update_id = timer_add(STATIC_UPDATE_PERIOD_S, 0, create_static_update_timer, nullptr);
+    static_update_id = timer_add(STATIC_UPDATE_PERIOD_SEC, 0, create_static_update_timer, nullptr);
 }
 
 void create_ip_detect_timer(void *) {

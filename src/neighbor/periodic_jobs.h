@@ -10,8 +10,8 @@
 
 constexpr int64_t NBCP_UPDATE_PERIOD_SEC = 150;
 constexpr int64_t TABLE_AGEING_PERIOD_SEC = 60;
+constexpr int64_t STATIC_UPDATE_PERIOD_SEC = 120;
 constexpr int64_t IP_DETECT_PERIOD_SEC = 10;
-constexpr int64_t STATIC_UPDATE_PERIOD_S = 120;
 
 // A walk of the learning or ageing job visits at most this many entries.
 constexpr int NGB_WALK_LIMIT = 64;
