@@ -2,9 +2,10 @@
 #
 # TARN_BUS=auto (default) uses the platform's ubus when libubox, libubus and libblobmsg_json and
 # their headers are all found (as in an OpenWrt SDK build, where the toolchain file points the
-# search at the staging directory); otherwise the daemon serves its own embedded bus and the
-# tarn-bus command is built. TARN_BUS=ubus insists on the platform's bus, TARN_BUS=embedded
-# never looks for it.
+# search at the staging directory); otherwise the daemon serves the embedded development bus of
+# devbus/ and the tarn-bus command is built. TARN_BUS=ubus insists on the platform's bus,
+# TARN_BUS=embedded never looks for it. A package's sources hold no devbus/: there the platform's
+# bus is the only choice.
 set(TARN_BUS "auto" CACHE STRING "Bus service: auto, ubus or embedded")
 set_property(CACHE TARN_BUS PROPERTY STRINGS auto ubus embedded)
 
@@ -30,14 +31,15 @@ endif()
 
 if(TARN_HAVE_UBUS)
   message(STATUS "Bus service: platform ubus (${UBUS_LIBRARY})")
-  target_sources(tarn_core PRIVATE ${CMAKE_SOURCE_DIR}/src/ubus/binding_ubus.cpp)
+  target_sources(tarn_core PRIVATE ${PROJECT_SOURCE_DIR}/src/ubus/binding_ubus.cpp)
   # System headers: their warnings are theirs, not ours to fail the build on.
   target_include_directories(tarn_core SYSTEM PUBLIC ${UBOX_INCLUDE_DIR} ${UBUS_INCLUDE_DIR})
   target_link_libraries(tarn_core PUBLIC ${UBUS_LIBRARY} ${BLOBMSG_JSON_LIBRARY} ${UBOX_LIBRARY})
   target_compile_definitions(tarn_core PUBLIC TARN_HAVE_UBUS)
+elseif(EXISTS ${PROJECT_SOURCE_DIR}/devbus/CMakeLists.txt)
+  message(STATUS "Bus service: embedded development bus, with the tarn-bus command")
+  add_subdirectory(${PROJECT_SOURCE_DIR}/devbus ${PROJECT_BINARY_DIR}/devbus)
 else()
-  message(STATUS "Bus service: embedded bus, with the tarn-bus command")
-  target_sources(tarn_core PRIVATE ${CMAKE_SOURCE_DIR}/src/ubus/binding_embedded.cpp)
-  add_executable(tarn-bus ${CMAKE_SOURCE_DIR}/src/ubus/tarn_bus_main.cpp)
-  target_link_libraries(tarn-bus PRIVATE tarn_core)
+  message(FATAL_ERROR "No bus: libubox, libubus or libblobmsg_json is missing and these sources "
+                      "hold no devbus/ (the embedded development bus)")
 endif()

@@ -10,11 +10,11 @@
 #include <vector>
 
 #include "core/settings.h"
+#include "devbus/bus_server.h"
+#include "devbus/bus_status.h"
+#include "devbus/bus_wire.h"
 #include "fuzz_invariants.h"
 #include "static/static_store.h"
-#include "ubus/bus_server.h"
-#include "ubus/bus_status.h"
-#include "ubus/bus_wire.h"
 #include "ubus/tarn_object.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include <memory>
 
 #include "fuzz_invariants.h"
-#include "ubus/show_table.h"
+#include "ubus/show_methods.h"
 
 namespace {
 

@@ -31,6 +31,7 @@ fuzz_command_text command 256 -
 
 cmake -S . -B "$build" -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
     -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARN_BUILD_FUZZ=ON -DTARN_BUILD_TESTS=OFF \
+    -DTARN_BUS=embedded \
     -DTARN_WERROR=ON >/dev/null
 cmake --build "$build" --target fuzz_targets -j 2
 

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# The whole test suite: unit tests (plain, ASan+UBSan, TSan for the concurrency tests), the
+# The whole test suite: the include check of the folders, unit tests (plain, ASan+UBSan, TSan for the concurrency tests), the
 # system tests in network namespaces (root only; skipped with a reason otherwise), the real-bus
 # stage (scripts/test-ubus.sh), a hostile soak of the ASan+UBSan daemon and the bounded fuzz
 # runs of every parser of untrusted input.
@@ -16,6 +16,9 @@ tsan_targets() {
     grep -lE 'Stress|Concurrent' tests/unit/test_*.cpp | xargs -n1 basename | sed 's/\.cpp$//'
     echo test_timer
 }
+
+step "folder dependencies: every include of another folder is allowed by src/DEPENDENCIES"
+scripts/check-includes.py
 
 step "build and unit tests"
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARN_BUILD_BENCH=ON -DTARN_WERROR=ON >/dev/null

@@ -41,6 +41,9 @@ MANWIDTH=80 man -l doc/tarn.8 | head -4
 
 bus_x86=(-DTARN_BUS=embedded)
 bus_a64=(-DTARN_BUS=embedded)
+# The x86-64 package build takes exactly the files the OpenWrt package copies (no devbus/, no
+# tests) when the real bus is at hand; the embedded bus needs the whole tree.
+pkg_sources=.
 if [ -x "$platform/build.sh" ]; then
     # The same x86-64 libraries as the real-bus stage builds.
     "$platform/build.sh" build-ubus/platform
@@ -48,12 +51,21 @@ if [ -x "$platform/build.sh" ]; then
         PKG_CONFIG_LIBDIR=$pkg_config_aarch64 "$platform/build.sh" "$out/platform-aarch64"
     bus_x86=(-DTARN_BUS=ubus -DCMAKE_PREFIX_PATH="$PWD/build-ubus/platform")
     bus_a64=(-DTARN_BUS=ubus -DCMAKE_PREFIX_PATH="$PWD/$out/platform-aarch64")
+    pkg_sources=$out/sources
+    rm -rf "$pkg_sources" && mkdir -p "$pkg_sources"
+    cp -a CMakeLists.txt cmake src doc "$pkg_sources/"
+    say "package sources as openwrt/tarn/Makefile copies them: $(ls "$pkg_sources" | tr '\n' ' ')"
 else
     say "real-bus builds skipped: $platform (the AP platform's bus sources) is absent; embedded bus"
 fi
 
 say "package build (x86-64, Release, as a packager configures it) and its install tree"
-cmake -S . -B "$out/x86_64" -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr \
+# A build tree made from the other source folder (whole tree or package copy) cannot be reused.
+made_from=$(sed -n 's/^CMAKE_HOME_DIRECTORY:INTERNAL=//p' "$out/x86_64/CMakeCache.txt" 2>/dev/null || true)
+if [ "$made_from" != "$(cd "$pkg_sources" && pwd)" ]; then
+    rm -rf "$out/x86_64"
+fi
+cmake -S "$pkg_sources" -B "$out/x86_64" -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr \
     -DTARN_WERROR=ON "${bus_x86[@]}" >/dev/null
 cmake --build "$out/x86_64" -j"$JOBS"
 rm -rf "$out/x86_64/stage"

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "core/settings.h"
+#include "diag/show_client.h"
 #include "util/log.h"
 
 namespace {

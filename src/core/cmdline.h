@@ -3,14 +3,6 @@
 
 #include <cstdint>
 
-// Which show table a client asks for.
-enum show_kind : int {
-    SHOW_WIRELESS = 0,
-    SHOW_CLUSTER = 1,
-    SHOW_UBUS = 2,
-    SHOW_NEIGHBOR = 3,
-};
-
 enum class cmdline_outcome {
     run_daemon,  // options parsed (or none given): start the daemon
     exit_now,    // usage, a refused value or an ignored sub-command: exit with exit_status

@@ -3,7 +3,6 @@
 std::atomic<uint8_t> version{VERSION_DEFAULT};
 std::atomic<uint8_t> rssi_min{RSSI_MIN_DEFAULT};
 std::atomic<uint8_t> max_ngbr_num{MAX_NGBR_NUM_DEFAULT};
-std::atomic<int> tarn_debug{0};
 
 int sock_send_nbcp = 0;
 int sock_recv_nbcp = 0;

@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "util/log.h"  // tarn_debug, the fourth running setting
+
 constexpr uint16_t NBCP_PORT = 32766;
 constexpr uint8_t VERSION_DEFAULT = 1;
 constexpr uint8_t RSSI_MIN_DEFAULT = 5;
@@ -17,7 +19,6 @@ constexpr uint8_t MAX_NGBR_NUM_HIGH = 64;
 extern std::atomic<uint8_t> version;
 extern std::atomic<uint8_t> rssi_min;
 extern std::atomic<uint8_t> max_ngbr_num;
-extern std::atomic<int> tarn_debug;
 
 // Sockets, opened once at start-up before any other thread exists.
 extern int sock_send_nbcp;

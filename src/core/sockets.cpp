@@ -13,7 +13,7 @@
 #include "core/handlers.h"
 #include "core/recv_area.h"
 #include "core/settings.h"
-#include "neighbor/driver_link.h"
+#include "neighbor/driver_msg.h"
 #include "util/local_socket.h"
 #include "util/log.h"
 #include "util/paths.h"

@@ -10,14 +10,12 @@
 #include "core/cmdline.h"
 #include "core/settings.h"
 #include "core/sockets.h"
-#include "core/stop_signals.h"
 #include "diag/show_client.h"
 #include "neighbor/driver_msg.h"
-#include "neighbor/learning.h"
 #include "neighbor/neighbor_table.h"
+#include "neighbor/periodic_jobs.h"
 #include "static/client_requests.h"
 #include "static/static_store.h"
-#include "static/static_timer.h"
 #include "sysinfo/self_ap.h"
 #include "sysinfo/sysinfo.h"
 #include "ubus/ubus_service.h"
@@ -27,6 +25,16 @@
 namespace {
 
 constexpr size_t THREAD_STACK_SIZE = 3 * 1024 * 1024;
+
+// Blocks SIGINT and SIGTERM in the calling thread; threads created afterwards inherit the mask,
+// so only the bus loop of the main thread takes these signals.
+void block_stop_signals() {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+}
 
 void run_client_request(const cmdline_decision &decision) {
     switch (decision.request) {
@@ -86,10 +94,7 @@ void init_timers() {
     // A failed start is not fatal: the daemon still serves, only the periodic jobs never fire.
     timer_service_init();
     // Each job runs once now and then re-arms itself with its period.
-    create_nbcp_update_timer();
-    create_table_ageing_timer();
-    create_static_update_timer();
-    create_ip_detect_timer();
+    start_periodic_jobs();
 }
 
 void tarn_init() {

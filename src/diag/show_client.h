@@ -1,6 +1,14 @@
 // The client side of the show commands.
 #pragma once
 
+// Which show table a client asks for.
+enum show_kind : int {
+    SHOW_WIRELESS = 0,
+    SHOW_CLUSTER = 1,
+    SHOW_UBUS = 2,
+    SHOW_NEIGHBOR = 3,
+};
+
 // How long a show client waits for the daemon's list.
 constexpr int SHOW_TIMEOUT_S = 15;
 

@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <string>
 
-#include "core/cmdline.h"
+#include "diag/show_client.h"
 
 namespace {
 

@@ -11,7 +11,6 @@
 #include <new>
 
 #include "core/settings.h"
-#include "neighbor/driver_link.h"
 #include "sysinfo/self_ap.h"
 #include "sysinfo/sysinfo.h"
 #include "util/log.h"
@@ -19,6 +18,20 @@
 std::atomic<uint32_t> set_ipaddr{0};
 
 namespace {
+
+// The simulated driver's port id, or 0 when the real driver is used.
+uint32_t simulated_driver_port() {
+    const char *text = getenv("TARN_DRIVER_PORT");
+    if (text == nullptr || *text == '\0') {
+        return 0;
+    }
+    char *end = nullptr;
+    unsigned long port = strtoul(text, &end, 10);
+    if (*end != '\0' || port == 0 || port > UINT32_MAX) {
+        return 0;
+    }
+    return static_cast<uint32_t>(port);
+}
 
 static_assert(NLMSG_SPACE(sizeof(drv_msg)) == DRV_NL_MSG_LEN, "header and payload make 48 bytes");
 
@@ -104,6 +117,23 @@ void run_ignoring_result(const char *command) {
 }
 
 }  // namespace
+
+int driver_netlink_protocol() {
+    return simulated_driver_port() != 0 ? NETLINK_USERSOCK : TARN_NL_PROTO;
+}
+
+sockaddr_nl driver_dest_addr() {
+    sockaddr_nl addr;
+    memset(&addr, 0, sizeof addr);
+    addr.nl_family = AF_NETLINK;
+    addr.nl_pid = simulated_driver_port();
+    addr.nl_groups = 0;
+    return addr;
+}
+
+int driver_socket_open() {
+    return socket(AF_NETLINK, SOCK_RAW, driver_netlink_protocol());
+}
 
 drv_msg drv_msg_make(uint8_t operation, uint8_t value) {
     drv_msg payload;

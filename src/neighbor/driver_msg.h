@@ -1,12 +1,29 @@
 // Messages from the daemon to the Wi-Fi driver: one netlink message each, sent from a socket
 // opened and closed for that message, so the senders need no lock and may run on any thread.
+//
+// How the driver is reached is decided here alone. On the AP the driver speaks netlink protocol
+// 27 and takes messages at port id 0. When the environment names a user-space driver
+// (TARN_DRIVER_PORT=N), every driver socket uses NETLINK_USERSOCK instead and messages go to
+// port id N. Framing and contents are identical.
 #pragma once
+
+#include <linux/netlink.h>
 
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 
 #include "neighbor/ap_info.h"
+
+constexpr int TARN_NL_PROTO = 27;
+constexpr uint32_t TARN_NL_PORT_ID = 4;  // the daemon's own netlink port id
+
+// Netlink protocol of every driver socket.
+int driver_netlink_protocol();
+// Netlink address that messages to the driver are sent to.
+sockaddr_nl driver_dest_addr();
+// A raw netlink socket to the driver, or -1.
+int driver_socket_open();
 
 // Operations carried in drv_msg::operation.
 enum drv_operation : uint8_t {

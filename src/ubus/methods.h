@@ -58,7 +58,8 @@ int ubus_show_neighbor(const char *method, json_object *request, json_ref &reply
 
 // The static neighbor edits: "qv_static_neighbor", "add_static_neighbor",
 // "del_static_neighbor", "qv_del_static_neighbor".
-extern const arg_policy static_qv_policy[1];
+enum static_qv_arg : size_t { STATIC_QV_LIST, STATIC_QV_ARG_COUNT };
+extern const arg_policy static_qv_policy[STATIC_QV_ARG_COUNT];
 enum static_add_arg : size_t {
     STATIC_ADD_MAC,
     STATIC_ADD_IP,
@@ -68,7 +69,8 @@ enum static_add_arg : size_t {
 enum static_del_arg : size_t { STATIC_DEL_MAC, STATIC_DEL_ARG_COUNT };
 extern const arg_policy static_add_policy[STATIC_ADD_ARG_COUNT];
 extern const arg_policy static_del_policy[STATIC_DEL_ARG_COUNT];
-extern const arg_policy static_qv_del_policy[1];
+enum static_qv_del_arg : size_t { STATIC_QV_DEL_LIST, STATIC_QV_DEL_ARG_COUNT };
+extern const arg_policy static_qv_del_policy[STATIC_QV_DEL_ARG_COUNT];
 int ubus_static_mac_qv(const char *method, json_object *request, json_ref &reply);
 int ubus_static_mac_add(const char *method, json_object *request, json_ref &reply);
 int ubus_static_mac_del(const char *method, json_object *request, json_ref &reply);
@@ -78,5 +80,6 @@ int ubus_static_mac_qv_del(const char *method, json_object *request, json_ref &r
 // or "static_neighbor.conf" of the message's "ModifiedConfig" array, each followed by an update
 // pass.
 constexpr const char *RELOAD_EVENT_TYPE = "userconfig.reload";
-extern const arg_policy reload_event_policy[1];
+enum reload_event_arg : size_t { RELOAD_MODIFIED_CONFIG, RELOAD_EVENT_ARG_COUNT };
+extern const arg_policy reload_event_policy[RELOAD_EVENT_ARG_COUNT];
 void ubus_reload_event(const char *type, json_object *message);

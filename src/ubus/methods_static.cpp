@@ -11,12 +11,12 @@
 #include "ubus/methods.h"
 #include "util/log.h"
 
-const arg_policy static_qv_policy[1] = {{"neighbor_list", arg_type::array}};
+const arg_policy static_qv_policy[STATIC_QV_ARG_COUNT] = {{"neighbor_list", arg_type::array}};
 // In the order of static_add_arg and static_del_arg.
 const arg_policy static_add_policy[STATIC_ADD_ARG_COUNT] = {
     {"mac", arg_type::string}, {"ip", arg_type::string}, {"ip6", arg_type::string}};
 const arg_policy static_del_policy[STATIC_DEL_ARG_COUNT] = {{"mac", arg_type::string}};
-const arg_policy static_qv_del_policy[1] = {{"mac_list", arg_type::array}};
+const arg_policy static_qv_del_policy[STATIC_QV_DEL_ARG_COUNT] = {{"mac_list", arg_type::array}};
 
 namespace {
 
@@ -115,7 +115,7 @@ int ubus_static_mac_qv(const char *method, json_object *request, json_ref &reply
         return METHOD_NO_JSON_TEXT;
     }
     json_ref root(json_tokener_parse(text));
-    json_object *list = array_member(root.get(), "neighbor_list");
+    json_object *list = array_member(root.get(), static_qv_policy[STATIC_QV_LIST].name);
     if (list == nullptr) {
         reply = result_reply("fail");
         return 0;
@@ -183,7 +183,7 @@ int ubus_static_mac_qv_del(const char * /*method*/, json_object *request, json_r
         return METHOD_NO_JSON_TEXT;
     }
     json_ref root(json_tokener_parse(text));
-    json_object *list = array_member(root.get(), "mac_list");
+    json_object *list = array_member(root.get(), static_qv_del_policy[STATIC_QV_DEL_LIST].name);
     int last = 0;  // only the last delete's outcome is reported
     size_t count = list != nullptr ? json_object_array_length(list) : 0;
     for (size_t i = 0; i < count; ++i) {

@@ -5,7 +5,8 @@
 #include "ubus/methods.h"
 #include "util/log.h"
 
-const arg_policy reload_event_policy[1] = {{"ModifiedConfig", arg_type::array}};
+const arg_policy reload_event_policy[RELOAD_EVENT_ARG_COUNT] = {
+    {"ModifiedConfig", arg_type::array}};
 
 namespace {
 
@@ -27,13 +28,17 @@ void ubus_reload_event(const char *type, json_object *message) {
         TARN_DBG("Tarn do not handle the ubus event[%s].\n", type != nullptr ? type : "");
         return;
     }
-    json_object *args[1];
-    if (parse_args_json(reload_event_policy, 1, message, args) < 0 || args[0] == nullptr) {
+    json_object *args[RELOAD_EVENT_ARG_COUNT];
+    if (parse_args_json(reload_event_policy, RELOAD_EVENT_ARG_COUNT, message, args) < 0) {
         return;
     }
-    size_t count = json_object_array_length(args[0]);
+    json_object *modified = args[RELOAD_MODIFIED_CONFIG];
+    if (modified == nullptr) {
+        return;
+    }
+    size_t count = json_object_array_length(modified);
     for (size_t i = 0; i < count; ++i) {
-        if (!names_static_file(json_object_array_get_idx(args[0], i))) {
+        if (!names_static_file(json_object_array_get_idx(modified, i))) {
             continue;
         }
         TARN_DBG("Tarn update static neighbor by ubus event[%s].\n", type);

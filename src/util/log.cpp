@@ -6,7 +6,7 @@
 #include <cstring>
 #include <mutex>
 
-#include "core/settings.h"
+std::atomic<int> tarn_debug{0};
 
 namespace {
 

@@ -3,6 +3,12 @@
 
 #include <syslog.h>
 
+#include <atomic>
+
+// The debug switch ("-D", the bus method "debug_set"): nothing is logged while it is 0. It is
+// one of the running settings (core/settings.h) and lives here, with the log it switches.
+extern std::atomic<int> tarn_debug;
+
 constexpr int TARN_LOG_MODULE = 3;
 constexpr int TARN_LOG_ERR = LOG_ERR;          // 3
 constexpr int TARN_LOG_WARNING = LOG_WARNING;  // 4

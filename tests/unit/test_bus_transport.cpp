@@ -16,10 +16,10 @@
 #include <vector>
 
 #include "core/settings.h"
-#include "ubus/bus_client.h"
-#include "ubus/bus_server.h"
-#include "ubus/bus_status.h"
-#include "ubus/bus_wire.h"
+#include "devbus/bus_client.h"
+#include "devbus/bus_server.h"
+#include "devbus/bus_status.h"
+#include "devbus/bus_wire.h"
 #include "ubus/methods.h"
 
 namespace {

@@ -7,6 +7,7 @@
 
 #include "core/cmdline.h"
 #include "core/settings.h"
+#include "diag/show_client.h"
 
 namespace {
 

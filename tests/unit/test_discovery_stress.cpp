@@ -12,7 +12,7 @@
 #include "core/discovery.h"
 #include "core/handlers.h"
 #include "core/recv_area.h"
-#include "neighbor/learning.h"
+#include "neighbor/periodic_jobs.h"
 #include "neighbor_test_util.h"
 #include "proto/nbcp.h"
 #include "sandbox.h"

@@ -8,7 +8,7 @@
 #include "core/handlers.h"
 #include "driver_sink.h"
 #include "neighbor/driver_msg.h"
-#include "neighbor/learning.h"
+#include "neighbor/periodic_jobs.h"
 #include "neighbor_test_util.h"
 #include "sandbox.h"
 #include "sysinfo/self_ap.h"

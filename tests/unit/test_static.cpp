@@ -16,10 +16,10 @@
 #include <vector>
 
 #include "core/settings.h"
+#include "neighbor/periodic_jobs.h"
 #include "probe_capture.h"
 #include "sandbox.h"
 #include "static/static_store.h"
-#include "static/static_timer.h"
 #include "static/static_update.h"
 #include "static_env.h"
 #include "util/timer.h"

@@ -12,7 +12,8 @@
 #include "static_env.h"
 #include "ubus/json_ref.h"
 #include "ubus/methods.h"
-#include "ubus/show_table.h"
+#include "ubus/policy.h"
+#include "ubus/show_methods.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "ubus/bus_wire.h"
+#include "devbus/bus_wire.h"
 
 #include <arpa/inet.h>
 #include <poll.h>

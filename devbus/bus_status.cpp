@@ -1,4 +1,4 @@
-#include "ubus/bus_status.h"
+#include "devbus/bus_status.h"
 
 #include <array>
 #include <cstddef>

@@ -1,4 +1,4 @@
-#include "ubus/bus_client.h"
+#include "devbus/bus_client.h"
 
 int main(int argc, char **argv) {
     return tarn_bus_main(argc, argv);

@@ -5,7 +5,7 @@
 
 #include <csignal>
 
-#include "ubus/bus_server.h"
+#include "devbus/bus_server.h"
 #include "ubus/tarn_object.h"
 #include "ubus/ubus_service.h"
 #include "util/log.h"

@@ -1,10 +1,11 @@
-#include "neighbor/learning.h"
+#include "neighbor/periodic_jobs.h"
 
 #include <mutex>
 
 #include "core/probe.h"
 #include "neighbor/driver_msg.h"
 #include "neighbor/neighbor_table.h"
+#include "static/static_update.h"
 #include "sysinfo/self_ap.h"
 #include "sysinfo/sysinfo.h"
 #include "util/log.h"
@@ -12,6 +13,7 @@
 
 uint32_t nbcp_update_id = 0;
 uint32_t table_ageing_id = 0;
+uint32_t static_update_id = 0;
 
 namespace {
 
@@ -78,6 +80,12 @@ void create_table_ageing_timer(void *) {
     table_ageing_id = timer_add(TABLE_AGEING_PERIOD_SEC, 0, create_table_ageing_timer, nullptr);
 }
 
+void create_static_update_timer(void *) {
+    TARN_DBG("Create static neighbor update timer\n");
+    update_static_neighbor();
+    static_update_id = timer_add(STATIC_UPDATE_PERIOD_SEC, 0, create_static_update_timer, nullptr);
+}
+
 void create_ip_detect_timer(void *) {
     if (set_ipaddr != 0) {
         return;
@@ -85,4 +93,11 @@ void create_ip_detect_timer(void *) {
     TARN_DBG("Create ip detect timer\n");
     get_ipaddr();
     timer_add(IP_DETECT_PERIOD_SEC, 0, create_ip_detect_timer, nullptr);
+}
+
+void start_periodic_jobs() {
+    create_nbcp_update_timer();
+    create_table_ageing_timer();
+    create_static_update_timer();
+    create_ip_detect_timer();
 }

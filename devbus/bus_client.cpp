@@ -1,4 +1,4 @@
-#include "ubus/bus_client.h"
+#include "devbus/bus_client.h"
 
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -9,8 +9,8 @@
 #include <cerrno>
 #include <cstring>
 
-#include "ubus/bus_status.h"
-#include "ubus/bus_wire.h"
+#include "devbus/bus_status.h"
+#include "devbus/bus_wire.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "ubus/bus_server.h"
+#include "devbus/bus_server.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -12,8 +12,8 @@
 #include <cstring>
 #include <vector>
 
-#include "ubus/bus_status.h"
-#include "ubus/bus_wire.h"
+#include "devbus/bus_status.h"
+#include "devbus/bus_wire.h"
 #include "util/log.h"
 
 namespace {

@@ -1,8 +1,11 @@
-#include "ubus/show_table.h"
+#include "ubus/show_methods.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
+#include <memory>
 
+#include "ubus/methods.h"
 #include "util/log.h"
 
 void split_show_words(std::string_view text, show_word *words) {
@@ -105,4 +108,27 @@ int show_cmd_reply(const char *command, show_text_table *table, json_ref &reply)
     }
     reply = show_table_reply(table);
     return 0;
+}
+
+namespace {
+
+struct free_deleter {
+    void operator()(void *block) const { free(block); }
+};
+
+int show_through(const char *command, json_ref &reply) {
+    // 80 KiB: taken from the heap, not from the bus thread's stack.
+    std::unique_ptr<show_text_table, free_deleter> table(
+        static_cast<show_text_table *>(calloc(1, sizeof(show_text_table))));
+    return show_cmd_reply(command, table.get(), reply);
+}
+
+}  // namespace
+
+int ubus_show(const char * /*method*/, json_object * /*request*/, json_ref &reply) {
+    return show_through("tarn show ubus", reply);
+}
+
+int ubus_show_neighbor(const char * /*method*/, json_object * /*request*/, json_ref &reply) {
+    return show_through("tarn show neighbor", reply);
 }

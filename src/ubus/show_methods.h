@@ -1,5 +1,6 @@
-// The text table that "show" and "show_neighbor" read from the command-line client's output,
-// and its conversion into the reply {"result": [ {column: word, ...}, ... ]}.
+// The methods "show" and "show_neighbor": the text table they read from the command-line
+// client's printed output, and its conversion into the reply
+// {"result": [ {column: word, ...}, ... ]}.
 #pragma once
 
 #include <cstdio>

@@ -8,12 +8,17 @@
 #include <cstring>
 #include <string>
 
-#include "ubus/bus_client.h"
-#include "ubus/bus_server.h"
-#include "ubus/bus_status.h"
-#include "ubus/bus_wire.h"
+#include "devbus/bus_client.h"
+#include "devbus/bus_server.h"
+#include "devbus/bus_status.h"
+#include "devbus/bus_wire.h"
 
 namespace {
+
+void new_line(std::string &out, int level) {
+    out.push_back('\n');
+    out.append(static_cast<size_t>(level < 0 ? 0 : level), '\t');
+}
 
 struct cli_options {
     const char *socket_path = TARN_BUS_SOCKET_PATH;
@@ -147,6 +152,60 @@ constexpr cli_command commands[] = {
 };
 
 }  // namespace
+
+// Works on the text rather than on a parsed value: a reply may hold the same member name twice
+// (the radio table's columns), which a parsed object would fold into one.
+std::string format_json_indented(const std::string &json) {
+    std::string out;
+    out.reserve(json.size() * 2);
+    int level = 0;
+    bool in_string = false;
+    bool escaped = false;
+    for (char c : json) {
+        if (in_string) {
+            out.push_back(c);
+            if (escaped) {
+                escaped = false;
+            } else if (c == '\\') {
+                escaped = true;
+            } else if (c == '"') {
+                in_string = false;
+            }
+            continue;
+        }
+        switch (c) {
+            case '"':
+                in_string = true;
+                out.push_back(c);
+                break;
+            case '{':
+            case '[':
+                out.push_back(c);
+                new_line(out, ++level);
+                break;
+            case '}':
+            case ']':
+                new_line(out, --level);
+                out.push_back(c);
+                break;
+            case ',':
+                out.push_back(c);
+                new_line(out, level);
+                break;
+            case ':':
+                out.append(": ");
+                break;
+            case ' ':
+            case '\t':
+            case '\r':
+            case '\n':
+                break;
+            default:
+                out.push_back(c);
+        }
+    }
+    return out;
+}
 
 int tarn_bus_main(int argc, char **argv) {
     const char *program = argc > 0 ? argv[0] : "tarn-bus";
