@@ -1,6 +1,6 @@
 // Test helpers for the code that feeds the neighbor table: a stand-in driver that delivers
 // crafted netlink events to the daemon's driver socket, builders of the driver's event
-// payloads, a probe listener, and readers of the table and of the log.
+// payloads, and readers of the table, the pending timers and the log.
 #pragma once
 
 #include <arpa/inet.h>
@@ -21,6 +21,7 @@
 #include "neighbor/ap_info.h"
 #include "neighbor/neighbor_table.h"
 #include "probe_capture.h"
+#include "util/timer.h"
 
 namespace ntest {
 
@@ -243,25 +244,23 @@ inline void add_entry(const mac_addr &m, uint32_t ip, uint32_t timestamp = 0) {
     neighbor_ap_add(m, entry);
 }
 
-// Receives the nbcp probes sent to any IPv4 address of this network namespace.
-class probe_listener {
-  public:
-    // "<destination> type <t> mode <m>" for each datagram that arrives within wait_ms of the
-    // previous one, joined by "; " (byte 3 is the type, byte 19 the mode of a probe).
-    std::string drain(int wait_ms = 200) {
-        std::string out;
-        while (auto got = capture_.next(wait_ms)) {
-            if (got->v4 && got->bytes.size() > 19) {
-                out += (out.empty() ? "" : "; ") + got->dest + " type " +
-                       std::to_string(got->bytes[3]) + " mode " + std::to_string(got->bytes[19]);
-            }
-        }
-        return out;
-    }
+// The pending timers, from the service's own listing.
+inline std::string timer_listing() {
+    fflush(stdout);
+    testing::internal::CaptureStdout();
+    timer_dump();
+    return testing::internal::GetCapturedStdout();
+}
 
-  private:
-    probe_capture capture_;
-};
+// Whether the timer with this id is pending for `period` seconds after a moment between the
+// clock's seconds `from` and now.
+inline bool pending_for(uint32_t id, int64_t period, int64_t from) {
+    std::string dump = timer_listing();
+    std::string key = "id=<" + std::to_string(static_cast<int>(id)) + ">, expire=<";
+    size_t at = dump.find(key);
+    int64_t expiry = at == std::string::npos ? -1 : std::stoll(dump.substr(at + key.size()));
+    return expiry >= from + period && expiry <= timer_now().sec + period;
+}
 
 // Opens the IPv4 probe socket as start-up does (the caller closes it).
 inline int open_probe_socket() {

@@ -17,12 +17,11 @@
 
 #include "core/settings.h"
 #include "neighbor/periodic_jobs.h"
-#include "probe_capture.h"
+#include "neighbor_test_util.h"
 #include "sandbox.h"
 #include "static/static_store.h"
 #include "static/static_update.h"
 #include "static_env.h"
-#include "util/timer.h"
 
 namespace {
 
@@ -344,16 +343,6 @@ TEST(ReadWholeFile, RefusesWhatIsNoRegularFileOrTooLarge) {
     EXPECT_EQ(seen, "abc null null null null null");
 }
 
-// The update pass: each probe caught as "<destination> m<mode>", IPv4 only.
-std::string probes_caught(probe_capture &capture) {
-    std::string seen;
-    while (auto got = capture.next(200)) {
-        seen += (seen.empty() ? "" : ", ") + got->dest + " m" +
-                (got->bytes.size() == 60 ? num(got->bytes[19]) : "?");
-    }
-    return seen.empty() ? "none" : seen;
-}
-
 void push_node(const std::string &mac, const char *ip, uint8_t state) {
     static_member *node = static_member_new();
     parse_mac_text(mac.c_str(), node->info.mac);
@@ -363,34 +352,45 @@ void push_node(const std::string &mac, const char *ip, uint8_t state) {
     static_member_push(node);
 }
 
-std::string states() {
-    std::string out;
-    for (static_member *node = static_member_list.head; node != nullptr; node = node->next) {
-        out += num(node->info.state);
-    }
-    return out;
-}
-
-TEST(StaticUpdate, ClusterModeQueriesEveryNodeInsteadOfProbing) {
+// The timer runs the pass at once and re-arms for 120 s. The pass marks every node offline and
+// reaches each, newest first: a static probe (mode 3) to its IPv4 address, or in cluster mode a
+// query to the cluster service instead.
+TEST(StaticUpdate, TimerMarksEveryNodeOfflineAndProbesOrQueriesIt) {
     SKIP_UNLESS_ROOT();
-    std::string seen = static_env::run([] {
-        probe_capture capture;
-        int dump = static_env::bind_local(STATIC_NEIGHBOR_DUMP_PATH);
-        static_env::set_cluster_mode(true);
-        push_node(mac_n(1), "127.0.0.1", AP_STATE_STATIC_ACTIVE);
-        push_node(mac_n(2), "127.0.0.2", AP_STATE_STATIC_ACTIVE);
-        update_static_neighbor();
-        std::string out;
-        uint8_t query[512];
-        for (ssize_t n; (n = recv(dump, query, sizeof query, 0)) > 0;) {
-            mac_addr mac;
-            memcpy(mac.data(), query, 6);
-            out += num(static_cast<int>(n)) + " " + static_env::mac_text(mac) + ", ";
-        }
-        close(dump);
-        return out + probes_caught(capture) + " | " + states();
-    });
-    EXPECT_EQ(seen, "256 00:00:00:00:00:02, 256 00:00:00:00:00:01, none | 44");
+    std::string seen;
+    for (bool cluster : {false, true}) {
+        seen += static_env::run([cluster] {
+            probe_capture capture;
+            int dump = static_env::bind_local(STATIC_NEIGHBOR_DUMP_PATH);
+            static_env::set_cluster_mode(cluster);
+            push_node(mac_n(1), "127.0.0.1", AP_STATE_STATIC_ACTIVE);
+            push_node(mac_n(2), "127.0.0.2", AP_STATE_STATIC_OFFLINE);
+            int64_t from = timer_now().sec;
+            create_static_update_timer();
+            std::string out =
+                ntest::pending_for(static_update_id, 120, from) ? "120 s:" : "not armed:";
+            while (auto got = capture.next(200)) {
+                out += " probe " + got->dest + " m" +
+                       (got->bytes.size() == 60 ? num(got->bytes[19]) : "?");
+            }
+            uint8_t query[512];
+            for (ssize_t n; (n = recv(dump, query, sizeof query, 0)) > 0;) {
+                mac_addr mac;
+                memcpy(mac.data(), query, 6);
+                out += " query " + num(static_cast<int>(n)) + " " + static_env::mac_text(mac);
+            }
+            close(dump);
+            std::lock_guard<std::mutex> guard(stngbr_lock);
+            for (static_member *node = static_member_list.head; node != nullptr;
+                 node = node->next) {
+                out += " " + num(node->info.state);
+            }
+            return out + " | ";
+        });
+    }
+    EXPECT_EQ(seen,
+              "120 s: probe 127.0.0.2 m3 probe 127.0.0.1 m3 4 4 | "
+              "120 s: query 256 00:00:00:00:00:02 query 256 00:00:00:00:00:01 4 4 | ");
 }
 
 TEST(ClusterQuery, CarriesTheDescriptionAfterTheMacAndZerosBehind) {
@@ -405,32 +405,6 @@ TEST(ClusterQuery, CarriesTheDescriptionAfterTheMacAndZerosBehind) {
     for (size_t i = 156; i < query.size(); ++i) {
         ASSERT_EQ(query[i], 0) << i;
     }
-}
-
-// The timer runs the pass at once, which marks every node offline and probes it, newest first,
-// and re-arms for 120 s.
-TEST(StaticUpdate, TimerRunsThePassAndRearmsFor120Seconds) {
-    SKIP_UNLESS_ROOT();
-    std::string seen = static_env::run([] {
-        probe_capture capture;
-        push_node(mac_n(1), "127.0.0.1", AP_STATE_STATIC_ACTIVE);
-        push_node(mac_n(2), "127.0.0.2", AP_STATE_STATIC_ACTIVE);
-        push_node(mac_n(3), "127.0.0.3", AP_STATE_STATIC_OFFLINE);
-        int64_t from = timer_now().sec;
-        create_static_update_timer();
-        fflush(stdout);
-        testing::internal::CaptureStdout();
-        timer_dump();
-        std::string pending = testing::internal::GetCapturedStdout();
-        // Armed for 120 s after a moment between `from` and now.
-        std::string key = "id=<" + num(static_cast<int>(static_update_id)) + ">, expire=<";
-        bool in_120 = false;
-        for (int64_t second = from; second <= timer_now().sec; ++second) {
-            in_120 = in_120 || contains(pending, key + std::to_string(second + 120) + ",");
-        }
-        return probes_caught(capture) + " | " + states() + (in_120 ? " in 120 s" : pending);
-    });
-    EXPECT_EQ(seen, "127.0.0.3 m3, 127.0.0.2 m3, 127.0.0.1 m3 | 444 in 120 s");
 }
 
 // A process killed at any moment while it saves never leaves a torn or empty file: after each

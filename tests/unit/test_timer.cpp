@@ -18,6 +18,7 @@
 #include <functional>
 #include <limits>
 #include <mutex>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -82,8 +83,13 @@ void record_and_rearm(void *arg) {
 
 void never_fires(void *) {}
 
+std::string dump_text() {
+    testing::internal::CaptureStdout();
+    timer_dump();
+    return testing::internal::GetCapturedStdout();
+}
+
 struct DumpLine {
-    int line;
     int id;
     unsigned sec;
     unsigned usec;
@@ -91,39 +97,30 @@ struct DumpLine {
     int cancelled;
 };
 
-std::string dump_text() {
-    testing::internal::CaptureStdout();
-    timer_dump();
-    return testing::internal::GetCapturedStdout();
-}
-
 // The dump parsed line by line; a line of any other form fails the test.
 std::vector<DumpLine> dump_lines() {
     std::vector<DumpLine> lines;
-    std::string text = dump_text();
-    for (size_t start = 0, end; (end = text.find('\n', start)) != std::string::npos;
-         start = end + 1) {
-        std::string raw = text.substr(start, end - start);
-        DumpLine line{};
+    std::istringstream text(dump_text());
+    for (std::string raw; std::getline(text, raw);) {
+        DumpLine l{};
+        int index = -1;
         int consumed = 0;
-        int fields = sscanf(
-            raw.c_str(), "Timer %d: id=<%d>, expire=<%u,%u>, in_use=<%d>, cancelled=<%d>%n",
-            &line.line, &line.id, &line.sec, &line.usec, &line.in_use, &line.cancelled, &consumed);
-        EXPECT_EQ(fields, 6) << raw;
-        EXPECT_EQ(static_cast<size_t>(consumed), raw.size()) << raw;
-        EXPECT_EQ(line.line, static_cast<int>(lines.size())) << raw;
-        lines.push_back(line);
+        sscanf(raw.c_str(), "Timer %d: id=<%d>, expire=<%u,%u>, in_use=<%d>, cancelled=<%d>%n",
+               &index, &l.id, &l.sec, &l.usec, &l.in_use, &l.cancelled, &consumed);
+        EXPECT_TRUE(index == static_cast<int>(lines.size()) &&
+                    static_cast<size_t>(consumed) == raw.size() && !text.eof())
+            << "dump line " << raw;
+        lines.push_back(l);
     }
-    EXPECT_EQ(text.empty() || text.back() == '\n', true) << "unterminated dump line";
     return lines;
 }
 
 // The pending timers from the head, each as "<id>:<in_use><cancelled>".
 std::string listing() {
     std::string out;
-    for (const DumpLine &line : dump_lines()) {
-        out += std::to_string(line.id) + ":" + std::to_string(line.in_use) +
-               std::to_string(line.cancelled) + " ";
+    for (const DumpLine &l : dump_lines()) {
+        out += std::to_string(l.id) + ":" + std::to_string(l.in_use) + std::to_string(l.cancelled) +
+               " ";
     }
     return out;
 }
