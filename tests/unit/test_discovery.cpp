@@ -361,7 +361,7 @@ TEST(Probe, ChoosesFamilyAndDestination) {
     };
     std::string seen = sandbox::run_in_sandbox([&probes] {
         probe_capture capture;
-        sock_send_nbcp = ntest::open_probe_socket();
+        sock_send_nbcp = open_probe_socket();
         sock6_nbcp = socket(AF_INET6, SOCK_DGRAM, 0);
         {
             std::lock_guard<std::mutex> guard(self_ap_lock);
@@ -383,9 +383,10 @@ TEST(Probe, ChoosesFamilyAndDestination) {
                 send_ndrp(&target, p.mode);
             }
             std::string got = caught(capture);
-            out += got == p.seen ? ""
-                                 : std::string(p.ip ? p.ip : "-") + " mode " +
-                                       std::to_string(p.mode) + ": " + got + "\n";
+            out += got == p.seen
+                       ? ""
+                       : std::string(p.ip ? p.ip : "-") + " mode " + std::to_string(p.mode) + ": " +
+                             got + ", not " + p.seen + "\n";
         }
         return out;
     });
