@@ -1,6 +1,6 @@
 // The nbcp codec: golden bytes of the three built messages, the answer parser and the list
-// reader against hostile lengths, and seeded property tests (round trips, element order, and
-// random datagrams of every kind against the receive thread's partial record clear).
+// reader against hostile lengths, and a seeded round trip of answers and neighbor lists. The
+// decode of every type over random datagrams is held by the golden digests of test_nbcp_golden.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -78,23 +78,14 @@ std::unique_ptr<nbcp_msg> zeroed_msg() {
     return std::unique_ptr<nbcp_msg>(new nbcp_msg());
 }
 
-struct parsed {
-    int result;
-    std::string printed;
-    std::unique_ptr<nbcp_msg> msg;
-};
-
-// nbcp_parse over a heap copy of exactly the datagram's size: a read past its end fails the
+// nbcp_decode over a heap copy of exactly the datagram's size: a read past its end fails the
 // sanitizer build.
-parsed parse_exact(const bytes &datagram) {
+std::unique_ptr<nbcp_msg> decode_exact(const bytes &datagram) {
     std::unique_ptr<uint8_t[]> exact(new uint8_t[std::max<size_t>(datagram.size(), 1)]);
     std::copy(datagram.begin(), datagram.end(), exact.get());
-    parsed p{0, "", zeroed_msg()};
-    testing::internal::CaptureStdout();
-    p.result = nbcp_parse(exact.get(), datagram.size(), p.msg.get());
-    fflush(stdout);
-    p.printed = testing::internal::GetCapturedStdout();
-    return p;
+    std::unique_ptr<nbcp_msg> msg = zeroed_msg();
+    EXPECT_EQ(nbcp_decode(exact.get(), datagram.size(), msg.get()), 1);
+    return msg;
 }
 
 // Room for the longest output plus a canary region that must stay untouched.
@@ -125,7 +116,7 @@ const bytes GOLDEN_NDRP =
     hex("00 00 00 0A 00 00 00 00 00 00  00 80 00 01 00  00 81 00 01 00  00 82 00 04 C0 A8 01 0A"
         "00 84 00 10 00000000 00000000 00000000 00000000  00 83 00 06 00 11 22 33 44 55  00 00");
 
-TEST(NbcpGolden, ProbeBuildsAndParses) {
+TEST(NbcpGolden, Probe) {
     nbcp_ndrp rec{};
     rec.ip = 0xC0A8010A;
     rec.mac = MAC_A;
@@ -133,12 +124,6 @@ TEST(NbcpGolden, ProbeBuildsAndParses) {
     ASSERT_EQ(nbcp_build_ndrp(out.b.data(), &rec), 60u);
     EXPECT_EQ(bytes(out.b.begin(), out.b.begin() + 60), GOLDEN_NDRP);
     EXPECT_TRUE(out.untouched_after(60));
-
-    parsed p = parse_exact(GOLDEN_NDRP);
-    EXPECT_EQ(p.result, 1);
-    EXPECT_EQ(p.printed, "nbcp protocol type 10!\n");
-    EXPECT_EQ(p.msg->m.ndrp.ip, 0xC0A8010Au);
-    EXPECT_EQ(p.msg->m.ndrp.mac, MAC_A);
 }
 
 TEST(NbcpGolden, Answer) {
@@ -197,20 +182,6 @@ TEST(NbcpGolden, NeighborList) {
     n = nbcp_list_put(out.b.data(), nullptr, &hdr, NBCP_LIST_PIECE_HEADER);
     n += nbcp_list_put(out.b.data() + n, nullptr, nullptr, NBCP_LIST_PIECE_END);
     EXPECT_EQ(bytes(out.b.begin(), out.b.begin() + n), hex("00 00 00 00 33 00 00 00 00 00"));
-}
-
-TEST(NbcpParse, TypesPrintTheirLineAndAreStoredAsTheirKind) {
-    for (int type = 0; type < 256; ++type) {
-        SCOPED_TRACE(type);
-        bool known = (type >= 1 && type <= 6) || (type >= 21 && type <= 26) || type == 10 ||
-                     type == 11 || type == 15 || type == 16;
-        parsed p = parse_exact(tlv_bytes::message(uint8_t(type)).end().get());
-        EXPECT_EQ(p.result, known ? 1 : 0);
-        EXPECT_EQ(p.msg->kind, type >= 21 && type <= 26 ? type - 20 : type);
-        std::string line = "nbcp protocol type " + std::to_string(type) + "!\n";
-        EXPECT_EQ(p.printed, known ? line : line + "nbcp protocol do not have this type!\n");
-    }
-    EXPECT_EQ(parse_exact({}).result, 0);
 }
 
 std::string ndsp_summary(const nbcp_msg &m) {
@@ -285,31 +256,31 @@ TEST(NbcpParse, HostileAnswers) {
     };
     for (const hostile_case &c : cases) {
         SCOPED_TRACE(c.name);
-        parsed p = parse_exact(c.datagram);
-        EXPECT_EQ(p.result, 1);
-        EXPECT_EQ(p.msg->kind, NBCP_TYPE_NDSP);
-        EXPECT_EQ(ndsp_summary(*p.msg), c.expected);
+        std::unique_ptr<nbcp_msg> msg = decode_exact(c.datagram);
+        EXPECT_EQ(msg->kind, NBCP_TYPE_NDSP);
+        EXPECT_EQ(ndsp_summary(*msg), c.expected);
     }
-    // The receive path hands the datagram over inside a larger zeroed buffer: same record.
-    bytes guarded = six_radio_answer().get();
-    guarded.resize(guarded.size() + 256, 0);
-    auto msg = zeroed_msg();
-    ASSERT_EQ(nbcp_decode(guarded.data(), guarded.size(), msg.get()), 1);
-    EXPECT_EQ(ndsp_summary(*msg), ndsp_summary(*parse_exact(six_radio_answer().get()).msg));
 }
 
-bytes build_list(uint32_t count) {
+bytes put_list(const std::vector<ap_info> &aps) {
     bytes out(NBCP_LIST_MAX, 0);
     local_msg_hdr hdr{};
     uint32_t off = nbcp_list_put(out.data(), nullptr, &hdr, NBCP_LIST_PIECE_HEADER);
-    for (uint32_t i = 0; i < count; ++i) {
-        ap_info ap{};
-        ap.ip = 0x0A000000 + i;
+    for (const ap_info &ap : aps) {
         off += nbcp_list_put(out.data() + off, &ap, nullptr, NBCP_LIST_PIECE_ENTRY);
     }
     off += nbcp_list_put(out.data() + off, nullptr, nullptr, NBCP_LIST_PIECE_END);
     out.resize(off);
     return out;
+}
+
+// A list of count entries whose addresses number them from 10.0.0.0.
+bytes build_list(uint32_t count) {
+    std::vector<ap_info> aps(count);
+    for (uint32_t i = 0; i < count; ++i) {
+        aps[i].ip = 0x0A000000 + i;
+    }
+    return put_list(aps);
 }
 
 struct list_case {
@@ -371,7 +342,6 @@ class random_source {
             field[i] = i < len ? static_cast<char>(1 + below(255)) : '\0';
         }
     }
-    std::mt19937 &gen() { return gen_; }
 
   private:
     std::mt19937 gen_;
@@ -420,25 +390,6 @@ ap_info as_received(ap_info sent, bool with_cluster) {
     return sent;
 }
 
-// The answer with its top-level elements shuffled; the radio count keeps its radios.
-bytes shuffled_answer(const bytes &msg, const ap_info &info, random_source &rnd) {
-    std::vector<bytes> groups;
-    size_t radios = 30u * std::min<size_t>(info.radiocnt, AP_RADIO_MAX);
-    for (size_t pos = 10; (msg[pos] | msg[pos + 1]) != 0;) {
-        size_t end =
-            pos + 4 + (msg[pos + 2] << 8 | msg[pos + 3]) + (msg[pos + 1] == 143 ? radios : 0);
-        groups.emplace_back(msg.begin() + pos, msg.begin() + end);
-        pos = end;
-    }
-    std::shuffle(groups.begin(), groups.end(), rnd.gen());
-    bytes out(msg.begin(), msg.begin() + 10);
-    for (const bytes &g : groups) {
-        out.insert(out.end(), g.begin(), g.end());
-    }
-    out.insert(out.end(), {0, 0});
-    return out;
-}
-
 TEST(NbcpRoundTrip, AnswerAndNeighborList) {
     random_source rnd(2002);
     for (int iter = 0; iter < 300; ++iter) {
@@ -459,76 +410,16 @@ TEST(NbcpRoundTrip, AnswerAndNeighborList) {
         EXPECT_EQ(msg->m.ndsp.cluster_id, rec.cluster_id);
         ap_info want = as_received(rec.info, false);
         EXPECT_EQ(std::memcmp(&msg->m.ndsp.info, &want, sizeof want), 0);
-        // The same elements in any order decode to the same record.
-        bytes shuffled = shuffled_answer(bytes(out.begin(), out.begin() + len), rec.info, rnd);
-        auto any_order = zeroed_msg();
-        ASSERT_EQ(nbcp_decode(shuffled.data(), shuffled.size(), any_order.get()), 1);
-        EXPECT_EQ(std::memcmp(&msg->m.ndsp, &any_order->m.ndsp, sizeof(nbcp_ndsp)), 0);
-
         // At most 20 of the longest entries stay inside the reader's 12000-byte walk.
         std::vector<ap_info> aps(rnd.below(21));
         std::generate(aps.begin(), aps.end(), [&rnd] { return random_ap(rnd); });
-        bytes list(NBCP_LIST_MAX);
-        local_msg_hdr hdr{};
-        uint32_t off = nbcp_list_put(list.data(), nullptr, &hdr, NBCP_LIST_PIECE_HEADER);
-        for (const ap_info &ap : aps) {
-            off += nbcp_list_put(list.data() + off, &ap, nullptr, NBCP_LIST_PIECE_ENTRY);
-        }
-        off += nbcp_list_put(list.data() + off, nullptr, nullptr, NBCP_LIST_PIECE_END);
+        bytes list = put_list(aps);
         std::vector<ap_info> got(NGB_HASH_SIZE);
-        ASSERT_EQ(nbcp_list_read(list.data(), off, got.data(), got.size()), aps.size());
+        ASSERT_EQ(nbcp_list_read(list.data(), list.size(), got.data(), got.size()), aps.size());
         for (size_t i = 0; i < aps.size(); ++i) {
             want = as_received(aps[i], true);
             EXPECT_EQ(std::memcmp(&got[i], &want, sizeof want), 0) << "entry " << i;
         }
-    }
-}
-
-// Mostly plausible elements for a chosen type, sometimes raw noise long enough for a fixed
-// layout to fill many entries of its lists.
-bytes random_datagram(random_source &rnd) {
-    static const uint8_t types[] = {1,  2,  3,  4,  5,  6,  10, 11, 15,
-                                    16, 21, 22, 23, 24, 25, 26, 12, 0};
-    uint8_t type = rnd.chance(90) ? types[rnd.below(sizeof types)] : rnd.u8();
-    tlv_bytes t = tlv_bytes::message(type, rnd.u8());
-    if (rnd.chance(30) || (type < 20 && type != 10 && type != 11)) {
-        bytes noise(rnd.chance(10) ? rnd.below(9000) : rnd.below(400));
-        for (auto &b : noise) {
-            b = rnd.chance(50) ? rnd.u8() : static_cast<uint8_t>(rnd.below(8));
-        }
-        return t.raw(noise).get();
-    }
-    static const uint16_t widths[] = {0, 1, 1, 1, 4, 4, 6, 16, 2, 20, 70};
-    for (uint32_t i = rnd.below(60); i > 0; --i) {
-        uint16_t code = static_cast<uint16_t>(rnd.chance(95) ? rnd.below(160) : rnd.u32());
-        bytes value(widths[rnd.below(sizeof widths / sizeof widths[0])]);
-        for (auto &b : value) {
-            b = rnd.chance(70) ? static_cast<uint8_t>(rnd.below(6)) : rnd.u8();
-        }
-        uint16_t len = rnd.chance(90) ? uint16_t(value.size()) : uint16_t(rnd.below(40));
-        t.el_len(code, len, value);
-    }
-    return rnd.chance(70) ? t.end().get() : t.get();
-}
-
-// The receive thread keeps one record and clears, before each decode, only what the previous
-// decode wrote: after every datagram the record must equal what a full clear would give.
-TEST(NbcpTouched, ClearingWhatWasWrittenEqualsAFullClear) {
-    random_source rnd(1313);
-    auto kept = zeroed_msg();
-    auto reference = zeroed_msg();
-    nbcp_touched touched(kept.get());
-    for (int i = 0; i < 6000; ++i) {
-        bytes random = random_datagram(rnd);
-        // An exact heap block: a read past the datagram fails the sanitizer build.
-        std::unique_ptr<uint8_t[]> dg(new uint8_t[random.size()]);
-        std::copy(random.begin(), random.end(), dg.get());
-        touched.clear(kept.get());
-        std::memset(static_cast<void *>(reference.get()), 0, sizeof(nbcp_msg));
-        ASSERT_EQ(nbcp_decode(dg.get(), random.size(), kept.get(), &touched),
-                  nbcp_decode(dg.get(), random.size(), reference.get()));
-        ASSERT_EQ(std::memcmp(kept.get(), reference.get(), sizeof(nbcp_msg)), 0)
-            << "datagram " << i << ", type " << int(random[3]) << ", " << random.size() << " bytes";
     }
 }
 
