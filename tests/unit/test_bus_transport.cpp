@@ -50,29 +50,6 @@ const method_entry test_methods[] = {
 // Events reach their listener in the system tests, which run the daemon on this bus.
 const bus_service test_service = {"tarn", test_methods, std::size(test_methods), nullptr, 0};
 
-TEST(BusWire, RequestsRoundTripAndMalformedOnesAreRefused) {
-    bus_request call;
-    ASSERT_TRUE(decode_request(encode_call("tarn", "show", R"({"a":1})"), call));
-    EXPECT_EQ(call.kind + " " + call.name + " " + call.method + " " + call.json,
-              R"(call tarn show {"a":1})");
-    int32_t status = 0;
-    std::string json;
-    ASSERT_TRUE(decode_reply(encode_reply(-1, "{}"), status, json));
-    EXPECT_EQ(std::to_string(status) + json, "-1{}");
-    EXPECT_FALSE(decode_reply(std::string("\0\0\0", 3), status, json));
-
-    for (const std::string &payload :
-         {std::string(""), std::string("call"), std::string("call\0tarn\0show", 14),
-          std::string("list\0tarn\0{}", 12), std::string("send\0{}", 7)}) {
-        EXPECT_FALSE(decode_request(payload, call)) << payload.size();
-    }
-    EXPECT_TRUE(parse_json_object(R"( {"a":[1,2]} )"));
-    for (const std::string &text : {std::string(""), std::string("[1]"), std::string("{} x"),
-                                    std::string("{\"a\":"), std::string("{\"a\":1}\0{}", 10)}) {
-        EXPECT_FALSE(parse_json_object(text)) << text;
-    }
-}
-
 TEST(BusWire, FramesCrossASocketAndOversizedOrCutOnesAreRefused) {
     int pair[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, pair), 0);
@@ -105,12 +82,17 @@ TEST(BusDispatch, StatusesOfObjectMethodArgumentsAndHandler) {
         int status;
         const char *reply;
     } cases[] = {
-        {encode_call("tarn", "echo", R"({"k":"v"})"), 0, R"({"k":"v"})"},
+        {encode_call("tarn", "echo", R"( {"k":[1,2]} )"), 0, R"({"k":[1,2]})"},
         {encode_call("other", "echo", "{}"), BUS_STATUS_NOT_FOUND, ""},
         {encode_call("tarn", "nope", "{}"), BUS_STATUS_METHOD_NOT_FOUND, ""},
         {encode_call("tarn", "echo", "[1]"), BUS_STATUS_INVALID_ARGUMENT, ""},
-        {encode_call("tarn", "echo", "{not json"), BUS_STATUS_INVALID_ARGUMENT, ""},
+        {encode_call("tarn", "echo", "{\"a\":"), BUS_STATUS_INVALID_ARGUMENT, ""},
+        {encode_call("tarn", "echo", "{} x"), BUS_STATUS_INVALID_ARGUMENT, ""},
+        {encode_call("tarn", "echo", std::string("{}\0{}", 5)), BUS_STATUS_INVALID_ARGUMENT, ""},
         {"garbage", BUS_STATUS_INVALID_COMMAND, ""},
+        {"", BUS_STATUS_INVALID_COMMAND, ""},
+        {std::string("call\0tarn\0show", 14), BUS_STATUS_INVALID_COMMAND, ""},
+        {std::string("list\0tarn\0{}", 12), BUS_STATUS_INVALID_COMMAND, ""},
         {encode_send("", "{}"), BUS_STATUS_INVALID_ARGUMENT, ""},
         {encode_send("userconfig.reload", "[]"), BUS_STATUS_INVALID_ARGUMENT, ""},
         {encode_call("tarn", "parse_failure", "{}"), -1, ""},
@@ -187,9 +169,6 @@ TEST_F(BusServerTest, CallsAreServedAndASlowMethodTimesOutAlone) {
     EXPECT_EQ(call("slow", nullptr, reply, 100), BUS_STATUS_TIMEOUT);
     EXPECT_EQ(call("echo", R"({"after":1})", reply), BUS_STATUS_OK);
     EXPECT_EQ(reply, R"({"after":1})");
-    std::string missing = dir_ + "/nobody_here";
-    EXPECT_EQ(bus_call(missing.c_str(), "tarn", "echo", nullptr, 1000, reply),
-              BUS_STATUS_CONNECTION_FAILED);
 }
 
 TEST_F(BusServerTest, HostileFramesGetAStatusAndAStalledClientIsDropped) {

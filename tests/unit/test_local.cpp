@@ -1,6 +1,6 @@
-// The local socket: the datagram helpers, the shared receive buffer, and the control messages the
-// daemon receives on
-// "/tmp/socket/tarn_socket" with their effects and answers.
+// The local socket: the datagram helpers, the shared receive buffer, the decode area's pages,
+// and the control messages the daemon receives on "/tmp/socket/tarn_socket" with their effects
+// and answers.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -95,6 +95,35 @@ TEST(LocalSocket, ReceivedDatagramLeavesTheBufferAsAFullClear) {
     close(pair[1]);
 }
 
+// How many pages of [p, p + n) are in memory.
+size_t resident_pages(const void *p, size_t n) {
+    const uintptr_t page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+    const uintptr_t begin = reinterpret_cast<uintptr_t>(p) / page * page;
+    const size_t pages = (reinterpret_cast<uintptr_t>(p) + n - begin + page - 1) / page;
+    std::vector<unsigned char> in_core(pages);
+    EXPECT_EQ(mincore(reinterpret_cast<void *>(begin), pages * page, in_core.data()), 0);
+    return static_cast<size_t>(
+        std::count_if(in_core.begin(), in_core.end(), [](auto v) { return v & 1; }));
+}
+
+// A crafted datagram that writes a few bytes into each of hundreds of pages of the decode area
+// (255 entry heads of a fixed-layout kind) leaves them resident only until the next decode.
+TEST(ReceiveArea, SpreadDecodePagesGoBackToTheKernel) {
+    auto area = std::make_unique<nbcp_decode_area>();
+    std::vector<uint8_t> spread = {0, 0, 0, 5, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 255};
+    for (int entry = 0; entry < 255; ++entry) {
+        spread.insert(spread.end(), {1, 0, 0});
+        spread.resize(spread.size() + 14);
+    }
+    const uint8_t unknown[12] = {0, 0, 0, 200};
+
+    area->parse(spread.data(), spread.size());
+    const size_t after_spread = resident_pages(&area->msg, sizeof area->msg);
+    area->parse(unknown, sizeof unknown);
+    EXPECT_GT(after_spread, 200u);
+    EXPECT_LT(resident_pages(&area->msg, sizeof area->msg), 8u);
+}
+
 bytes message(uint16_t op, uint8_t value = 0, size_t len = LOCAL_MSG_HDR_LEN) {
     bytes out(std::max(len, LOCAL_MSG_HDR_LEN), 0);
     out[0] = value;
@@ -152,34 +181,6 @@ struct control_step {
 
 // One daemon through a sequence of requests: after each, what was answered at the client
 // path (or the sender's path) or probed, the table size, and the driver messages ("op:value").
-size_t resident_pages(const void *p, size_t n) {
-    const uintptr_t page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
-    const uintptr_t begin = reinterpret_cast<uintptr_t>(p) / page * page;
-    const size_t pages = (reinterpret_cast<uintptr_t>(p) + n - begin + page - 1) / page;
-    std::vector<unsigned char> in_core(pages);
-    EXPECT_EQ(mincore(reinterpret_cast<void *>(begin), pages * page, in_core.data()), 0);
-    return static_cast<size_t>(
-        std::count_if(in_core.begin(), in_core.end(), [](auto v) { return v & 1; }));
-}
-
-// A crafted datagram that writes a few bytes into each of hundreds of pages of the decode area
-// (255 entry heads of a fixed-layout kind) leaves them resident only until the next decode.
-TEST(ReceiveArea, SpreadDecodePagesGoBackToTheKernel) {
-    auto area = std::make_unique<nbcp_decode_area>();
-    std::vector<uint8_t> spread = {0, 0, 0, 5, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 255};
-    for (int entry = 0; entry < 255; ++entry) {
-        spread.insert(spread.end(), {1, 0, 0});
-        spread.resize(spread.size() + 14);
-    }
-    const uint8_t unknown[12] = {0, 0, 0, 200};
-
-    area->parse(spread.data(), spread.size());
-    const size_t after_spread = resident_pages(&area->msg, sizeof area->msg);
-    area->parse(unknown, sizeof unknown);
-    EXPECT_GT(after_spread, 200u);
-    EXPECT_LT(resident_pages(&area->msg, sizeof area->msg), 8u);
-}
-
 TEST(LocalControl, RequestsEffectsAndAnswers) {
     SKIP_UNLESS_ROOT();
     const control_step steps[] = {

@@ -91,8 +91,12 @@ std::unique_ptr<nbcp_msg> decode_exact(const bytes &datagram) {
 // Room for the longest output plus a canary region that must stay untouched.
 struct out_buffer {
     bytes b = bytes(NBCP_LIST_MAX + 64, 0xCC);
-    bool untouched_after(size_t n) const {
-        return std::all_of(b.begin() + n, b.end(), [](uint8_t x) { return x == 0xCC; });
+    // The n bytes written are the golden ones, and nothing was written after them.
+    void expect(size_t n, const std::string &golden_hex) const {
+        const bytes golden = hex(golden_hex);
+        ASSERT_EQ(n, golden.size());
+        EXPECT_EQ(bytes(b.begin(), b.begin() + n), golden);
+        EXPECT_TRUE(std::all_of(b.begin() + n, b.end(), [](uint8_t x) { return x == 0xCC; }));
     }
 };
 
@@ -112,21 +116,18 @@ ap_info one_radio_ap() {
     return info;
 }
 
-const bytes GOLDEN_NDRP =
-    hex("00 00 00 0A 00 00 00 00 00 00  00 80 00 01 00  00 81 00 01 00  00 82 00 04 C0 A8 01 0A"
-        "00 84 00 10 00000000 00000000 00000000 00000000  00 83 00 06 00 11 22 33 44 55  00 00");
-
-TEST(NbcpGolden, Probe) {
+TEST(NbcpBuild, Probe) {
     nbcp_ndrp rec{};
     rec.ip = 0xC0A8010A;
     rec.mac = MAC_A;
     out_buffer out;
-    ASSERT_EQ(nbcp_build_ndrp(out.b.data(), &rec), 60u);
-    EXPECT_EQ(bytes(out.b.begin(), out.b.begin() + 60), GOLDEN_NDRP);
-    EXPECT_TRUE(out.untouched_after(60));
+    out.expect(
+        nbcp_build_ndrp(out.b.data(), &rec),
+        "00 00 00 0A 00 00 00 00 00 00  00 80 00 01 00  00 81 00 01 00  00 82 00 04 C0 A8 01 0A"
+        "00 84 00 10 00000000 00000000 00000000 00000000  00 83 00 06 00 11 22 33 44 55  00 00");
 }
 
-TEST(NbcpGolden, Answer) {
+TEST(NbcpBuild, Answer) {
     nbcp_ndsp rec{};
     rec.kind_flag = 1;
     rec.mode = 3;
@@ -138,21 +139,19 @@ TEST(NbcpGolden, Answer) {
     rec.cluster_flag = 1;
     rec.info = one_radio_ap();
     out_buffer out;
-    ASSERT_EQ(nbcp_build_ndsp(out.b.data(), &rec), 175u);
-    EXPECT_EQ(bytes(out.b.begin(), out.b.begin() + 175),
-              hex("00 00 00 0B 00 00 00 00 00 00"
-                  "00 86 00 01 01  00 87 00 01 03  00 88 00 04 C0 A8 01 0A"
-                  "00 89 00 06 00 11 22 33 44 55  00 96 00 04 0A 00 00 01"
-                  "00 97 00 04 00 00 00 07  00 98 00 06 00 AA BB CC DD EE  00 99 00 01 01"
-                  "00 8A 00 04 C0 A8 01 0A  00 9C 00 10 FD000000 00000000 00000000 00000001"
-                  "00 95 00 04 0A 00 00 64  00 8B 00 06 00 00 00 00 00 00  00 8C 00 01 00"
-                  "00 9A 00 01 74  00 8D 00 03 31 2E 32  00 8E 00 02 61 70  00 8F 00 01 01"
-                  "00 91 00 01 00  00 92 00 01 24  00 93 00 01 14  00 94 00 01 28"
-                  "00 9B 00 01 50  00 90 00 01 00  00 00"));
-    EXPECT_TRUE(out.untouched_after(175));
+    out.expect(nbcp_build_ndsp(out.b.data(), &rec),
+               "00 00 00 0B 00 00 00 00 00 00"
+               "00 86 00 01 01  00 87 00 01 03  00 88 00 04 C0 A8 01 0A"
+               "00 89 00 06 00 11 22 33 44 55  00 96 00 04 0A 00 00 01"
+               "00 97 00 04 00 00 00 07  00 98 00 06 00 AA BB CC DD EE  00 99 00 01 01"
+               "00 8A 00 04 C0 A8 01 0A  00 9C 00 10 FD000000 00000000 00000000 00000001"
+               "00 95 00 04 0A 00 00 64  00 8B 00 06 00 00 00 00 00 00  00 8C 00 01 00"
+               "00 9A 00 01 74  00 8D 00 03 31 2E 32  00 8E 00 02 61 70  00 8F 00 01 01"
+               "00 91 00 01 00  00 92 00 01 24  00 93 00 01 14  00 94 00 01 28"
+               "00 9B 00 01 50  00 90 00 01 00  00 00");
 }
 
-TEST(NbcpGolden, NeighborList) {
+TEST(NbcpBuild, NeighborList) {
     ap_info info = one_radio_ap();
     info.mac = MAC_A;
     info.state = 3;
@@ -166,22 +165,21 @@ TEST(NbcpGolden, NeighborList) {
     uint32_t n = nbcp_list_put(out.b.data(), nullptr, &hdr, NBCP_LIST_PIECE_HEADER);
     n += nbcp_list_put(out.b.data() + n, &info, nullptr, NBCP_LIST_PIECE_ENTRY);
     n += nbcp_list_put(out.b.data() + n, nullptr, nullptr, NBCP_LIST_PIECE_END);
-    ASSERT_EQ(n, 8u + 140u + 2u);
-    EXPECT_EQ(bytes(out.b.begin(), out.b.begin() + n),
-              hex("00 00 00 00 33 00 00 00"
-                  "00 06 00 04 C0 A8 01 0A  00 18 00 10 FD000000 00000000 00000000 00000001"
-                  "00 11 00 04 0A 00 00 64  00 07 00 06 00 11 22 33 44 55  00 08 00 01 03"
-                  "00 16 00 01 74  00 09 00 03 31 2E 32  00 0A 00 02 61 70"
-                  "00 12 00 04 0A 00 00 01  00 13 00 04 00 00 00 07"
-                  "00 14 00 06 00 AA BB CC DD EE  00 15 00 01 01  00 0B 00 01 01"
-                  "00 0D 00 01 00  00 0E 00 01 24  00 0F 00 01 14  00 10 00 01 28"
-                  "00 17 00 01 50  00 0C 00 01 00  00 3C 00 01 00  00 00"));
-    EXPECT_TRUE(out.untouched_after(n));
+    out.expect(n,
+               "00 00 00 00 33 00 00 00"
+               "00 06 00 04 C0 A8 01 0A  00 18 00 10 FD000000 00000000 00000000 00000001"
+               "00 11 00 04 0A 00 00 64  00 07 00 06 00 11 22 33 44 55  00 08 00 01 03"
+               "00 16 00 01 74  00 09 00 03 31 2E 32  00 0A 00 02 61 70"
+               "00 12 00 04 0A 00 00 01  00 13 00 04 00 00 00 07"
+               "00 14 00 06 00 AA BB CC DD EE  00 15 00 01 01  00 0B 00 01 01"
+               "00 0D 00 01 00  00 0E 00 01 24  00 0F 00 01 14  00 10 00 01 28"
+               "00 17 00 01 50  00 0C 00 01 00  00 3C 00 01 00  00 00");
 
     // An empty list: the header and the end mark.
-    n = nbcp_list_put(out.b.data(), nullptr, &hdr, NBCP_LIST_PIECE_HEADER);
-    n += nbcp_list_put(out.b.data() + n, nullptr, nullptr, NBCP_LIST_PIECE_END);
-    EXPECT_EQ(bytes(out.b.begin(), out.b.begin() + n), hex("00 00 00 00 33 00 00 00 00 00"));
+    out_buffer empty;
+    n = nbcp_list_put(empty.b.data(), nullptr, &hdr, NBCP_LIST_PIECE_HEADER);
+    n += nbcp_list_put(empty.b.data() + n, nullptr, nullptr, NBCP_LIST_PIECE_END);
+    empty.expect(n, "00 00 00 00 33 00 00 00 00 00");
 }
 
 std::string ndsp_summary(const nbcp_msg &m) {
