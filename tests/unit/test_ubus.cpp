@@ -102,28 +102,6 @@ TEST(ShowTable, ReadsPrintedLinesAsOneObjectPerLine) {
     }
 }
 
-TEST(ShowTable, KeepsTwentyWordsOf31CharactersAnd127Lines) {
-    std::string text;
-    for (int i = 0; i < 25; ++i) {
-        text += std::string(i == 4 ? 40 : 3, static_cast<char>('a' + i)) + "  ";
-    }
-    show_word words[SHOW_WORDS_MAX];
-    split_show_words(text, words);
-    EXPECT_EQ(std::string(words[4]), std::string(31, 'e'));
-    EXPECT_STREQ(words[19], "ttt");
-
-    std::string printed = "n\n";
-    for (int i = 1; i <= 130; ++i) {
-        printed += "w" + std::to_string(i) + "\n";
-    }
-    std::unique_ptr<show_text_table> table(new show_text_table());
-    FILE *stream = fmemopen(printed.data(), printed.size(), "r");
-    read_show_lines(stream, *table);
-    fclose(stream);
-    EXPECT_EQ(table->line_cnt, 127);
-    EXPECT_STREQ(table->lines[126][0], "w127");
-}
-
 // The static neighbor methods: each case starts from a list of node A alone.
 constexpr const char *A = "00:11:22:33:44:55 0.0.0.0 :: 4";
 
