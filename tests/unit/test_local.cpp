@@ -23,6 +23,7 @@
 #include "core/settings.h"
 #include "driver_sink.h"
 #include "neighbor/neighbor_table.h"
+#include "neighbor_test_util.h"
 #include "proto/nbcp.h"
 #include "sandbox.h"
 #include "static/static_store.h"
@@ -105,12 +106,8 @@ bytes probe_request(const char *ip) {
 }
 
 void fill_table(int n) {
-    std::lock_guard<std::mutex> guard(ngb_lock);
     for (int i = 0; i < n; ++i) {
-        std::unique_ptr<neighbor_ap> entry = neighbor_ap_new();
-        entry->mac = entry->info.mac = {0x02, 0, 0, 0, 0, static_cast<uint8_t>(i)};
-        mac_addr mac = entry->mac;
-        neighbor_ap_add(mac, entry);
+        ntest::add_entry(ntest::mac(static_cast<uint8_t>(i)), 0);
     }
 }
 
@@ -201,10 +198,9 @@ TEST(LocalControl, RequestsEffectsAndAnswers) {
                 driver_ops += (driver_ops.empty() ? "" : " ") + std::to_string(m[16]) + ":" +
                               std::to_string(m[17]);
             }
-            std::lock_guard<std::mutex> guard(ngb_lock);
             out += answer(s.from != nullptr ? from : client, probes) + " " +
-                   std::to_string(table_cnt) + " | " + (driver_ops.empty() ? "-" : driver_ops) +
-                   "\n";
+                   std::to_string(ntest::table_count()) + " | " +
+                   (driver_ops.empty() ? "-" : driver_ops) + "\n";
             close(from);
         }
         return out + static_env::calls("uci");
