@@ -130,7 +130,6 @@ class DriverEvents : public testing::Test {
     }
     void TearDown() override {
         neighbor_aps_clear();
-        max_ngbr_num = MAX_NGBR_NUM_DEFAULT;
         set_ipaddr = 0;
         sock_send_nbcp = saved_send_;
     }

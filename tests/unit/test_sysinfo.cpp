@@ -18,17 +18,6 @@ using static_env::ip6_text;
 using static_env::ip_text;
 using static_env::mac_text;
 
-// Links without automatic link-local addresses, so each test states exactly what exists.
-bool links(const std::vector<std::string> &commands) {
-    sandbox::sh("sysctl -w net.ipv6.conf.default.addr_gen_mode=1");
-    for (const std::string &command : commands) {
-        if (!sandbox::sh(command)) {
-            return false;
-        }
-    }
-    return true;
-}
-
 // IP detection reports this AP's addresses (the global IPv6 one before the link-local one) to
 // the driver at every run until the driver confirms, and after that only when one changes.
 TEST(SysinfoAddresses, UplinkAddressesAndDriverReports) {
@@ -36,10 +25,12 @@ TEST(SysinfoAddresses, UplinkAddressesAndDriverReports) {
     SKIP_UNLESS_ROOT();
     std::string result = sandbox::run_in_sandbox([] {
         DriverSink sink;
-        if (!sink.ready() || !links({"ip link add up0 type veth peer name peer0",
-                                     "ip addr add 10.1.2.3/24 brd 10.1.2.255 dev up0",
-                                     "ip -6 addr add fe80::5/64 dev up0 nodad",
-                                     "ip -6 addr add 2001:db8::5/64 dev up0 nodad"})) {
+        // No automatic link-local address: the uplink has exactly the addresses given here.
+        if (!sink.ready() || !sandbox::sh("{ sysctl -w net.ipv6.conf.default.addr_gen_mode=1;"
+                                          "ip link add up0 type veth peer name peer0 &&"
+                                          "ip addr add 10.1.2.3/24 brd 10.1.2.255 dev up0 &&"
+                                          "ip -6 addr add fe80::5/64 dev up0 nodad &&"
+                                          "ip -6 addr add 2001:db8::5/64 dev up0 nodad; }")) {
             return std::string("cannot set up uplink");
         }
         sandbox::install_command("getupifname", "echo up0");
