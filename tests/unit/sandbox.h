@@ -3,7 +3,7 @@
 // run_in_sandbox() forks a child that gets its own mount and network namespaces, a fresh tmpfs
 // on /tmp, the sysfs of its new network namespace on /sys, and /tmp/bin first on PATH for
 // stand-in platform commands. The body runs in the child and returns a text; the parent gets
-// that text back through a pipe (gtest assertions made in the child would be lost), so tests
+// that text back through a file (gtest assertions made in the child would be lost), so tests
 // let the body report what it observed and assert on the text in the parent.
 #pragma once
 
@@ -21,7 +21,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <exception>
 #include <fstream>
 #include <functional>
 #include <sstream>
@@ -31,13 +30,9 @@
 
 namespace sandbox {
 
-inline bool is_root() {
-    return geteuid() == 0;
-}
-
 #define SKIP_UNLESS_ROOT()                                                 \
     do {                                                                   \
-        if (!sandbox::is_root()) {                                         \
+        if (geteuid() != 0) {                                              \
             GTEST_SKIP() << "needs root for mount and network namespaces"; \
         }                                                                  \
     } while (0)
@@ -146,55 +141,33 @@ inline std::string prepare_child() {
     return "";
 }
 
-inline void write_all(int fd, const std::string &text) {
-    for (size_t done = 0; done < text.size();) {
-        ssize_t n = write(fd, text.data() + done, text.size() - done);
-        if (n <= 0) {
-            return;
-        }
-        done += static_cast<size_t>(n);
-    }
-}
-
 }  // namespace detail
 
 // Runs `body` in a sandboxed child and returns its text, or "sandbox failure: ..." when the
 // child could not be set up or did not finish normally.
 inline std::string run_in_sandbox(const std::function<std::string()> &body) {
-    int fds[2];
-    if (pipe(fds) != 0) {
-        return "sandbox failure: pipe";
+    // An unlinked file outside the child's /tmp: it holds any amount of text, and the parent
+    // reads it only once the child has ended.
+    FILE *result_file = tmpfile();
+    if (result_file == nullptr) {
+        return "sandbox failure: tmpfile";
     }
     fflush(nullptr);
     pid_t child = fork();
-    if (child < 0) {
-        return "sandbox failure: fork";
-    }
     if (child == 0) {
-        close(fds[0]);
-        std::string result = detail::prepare_child();
-        if (!result.empty()) {
-            result = "sandbox failure: " + result;
-        } else {
-            try {
-                result = body();
-            } catch (const std::exception &e) {
-                result = std::string("sandbox failure: exception ") + e.what();
-            }
-        }
-        detail::write_all(fds[1], result);
-        close(fds[1]);
+        std::string failure = detail::prepare_child();
+        std::string result = failure.empty() ? body() : "sandbox failure: " + failure;
+        fwrite(result.data(), 1, result.size(), result_file);
+        fflush(result_file);
         _exit(0);
     }
-    close(fds[1]);
-    std::string text;
-    char chunk[4096];
-    for (ssize_t n; (n = read(fds[0], chunk, sizeof chunk)) > 0 || (n < 0 && errno == EINTR);) {
-        text.append(chunk, static_cast<size_t>(std::max<ssize_t>(n, 0)));
-    }
-    close(fds[0]);
     int status = 0;
-    waitpid(child, &status, 0);
+    if (child < 0 || waitpid(child, &status, 0) != child) {
+        fclose(result_file);
+        return "sandbox failure: fork";
+    }
+    std::string text = read_file("/proc/self/fd/" + std::to_string(fileno(result_file)));
+    fclose(result_file);
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
         return "sandbox failure: child status " + std::to_string(status) + " after: " + text;
     }

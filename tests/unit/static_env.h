@@ -128,12 +128,4 @@ inline bool contains(const std::string &text, const std::string &part) {
     return text.find(part) != std::string::npos;
 }
 
-inline int occurrences(const std::string &text, const std::string &part) {
-    int count = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
-        ++count;
-    }
-    return count;
-}
-
 }  // namespace static_env

@@ -13,7 +13,6 @@
 #include "neighbor/driver_cache.h"
 #include "neighbor/driver_msg.h"
 #include "neighbor_test_util.h"
-#include "probe_capture.h"
 #include "sandbox.h"
 #include "sysinfo/self_ap.h"
 
@@ -118,8 +117,8 @@ std::string entry_text(const mac_addr &m) {
 }
 
 // The handler as the receive thread runs it, on datagrams the stand-in driver sends. Probes of
-// new neighbors fail here (no send socket); their log line shows them. DriverProbes below
-// watches real probes.
+// new neighbors fail here (no send socket); their log line shows them. The system tests watch
+// real probes leave.
 class DriverEvents : public testing::Test {
   protected:
     void SetUp() override {
@@ -131,7 +130,6 @@ class DriverEvents : public testing::Test {
     }
     void TearDown() override {
         neighbor_aps_clear();
-        max_ngbr_num = MAX_NGBR_NUM_DEFAULT;
         set_ipaddr = 0;
         sock_send_nbcp = saved_send_;
     }
@@ -265,42 +263,6 @@ TEST_F(DriverEvents, CacheReplyAppliesOnlyEntriesWhollyReceived) {
         deliver(payload);
         EXPECT_EQ(table_count(), c.expected);
     }
-}
-
-// Probes really leave, in a network namespace of their own: once per new neighbor, over IPv6
-// when it has no IPv4 address, and also when a full table refuses it.
-TEST(DriverProbes, NewNeighborsAreProbedOnce) {
-    SKIP_WITHOUT_NETLINK();
-    SKIP_UNLESS_ROOT();
-    std::string seen = sandbox::run_in_sandbox([] {
-        driver_feed feed;
-        probe_capture capture;
-        sock_send_nbcp = open_probe_socket();
-        sock6_nbcp = socket(AF_INET6, SOCK_DGRAM, 0);
-        auto step = [&](const bytes &payload) {
-            feed.send_event(payload);
-            hand_receive();
-            std::string out;
-            while (auto got = capture.next(200)) {
-                out += (got->v4 ? got->dest : "v6") + " type " + std::to_string(got->bytes[3]) +
-                       " mode " + std::to_string(got->bytes[19]) + "; ";
-            }
-            return out + "count " + std::to_string(table_count()) + "\n";
-        };
-        std::string out = step(heard{A, ipv4("127.0.0.7"), {}, 0, 36, 40, 1}.payload());
-        out += step(heard{A, ipv4("127.0.0.7"), {}, 0, 36, 50, 1}.payload());
-        out += step(heard{B, 0, ipv6("::1"), 0, 36, 40, 1}.payload());
-        out += step(cache_reply(2, {cached{A, ipv4("127.0.0.11"), {}, {}, 0},
-                                    cached{C, ipv4("127.0.0.13"), {}, {}, 0}}));
-        max_ngbr_num = 3;  // full, and no entry has a driver time value: none is replaced
-        return out + step(heard{mac(0x0d), ipv4("127.0.0.20"), {}, 0, 36, 40, 1}.payload());
-    });
-    EXPECT_EQ(seen,
-              "127.0.0.7 type 10 mode 0; count 1\n"
-              "count 1\n"
-              "v6 type 10 mode 0; count 2\n"
-              "127.0.0.13 type 10 mode 0; count 3\n"
-              "127.0.0.20 type 10 mode 0; count 3\n");
 }
 
 }  // namespace

@@ -1,12 +1,11 @@
-// The local socket: the datagram helpers, the shared receive buffer, and the control messages the
-// daemon receives on
-// "/tmp/socket/tarn_socket" with their effects and answers.
+// The local side of the receive thread: the shared receive buffer, the decode area's pages,
+// and the control messages the daemon receives on "/tmp/socket/tarn_socket" with their effects
+// and answers.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -24,6 +23,7 @@
 #include "core/settings.h"
 #include "driver_sink.h"
 #include "neighbor/neighbor_table.h"
+#include "neighbor_test_util.h"
 #include "proto/nbcp.h"
 #include "sandbox.h"
 #include "static/static_store.h"
@@ -35,43 +35,9 @@ namespace {
 
 using bytes = std::vector<uint8_t>;
 
-// Binding over a stale file, the largest datagram read whole and a longer one cut, and the
-// failures that are only logged.
-TEST(LocalSocket, BindSendAndReceive) {
-    char dir[] = "/tmp/tarn-local-XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    std::string path = std::string(dir) + "/sock";
-    sandbox::write_file(path, "stale");
-    int fd = -1;
-    ASSERT_EQ(InitSocket(&fd, path.c_str()), 1);
-    int rcvbuf = 300000;
-    setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &rcvbuf, sizeof rcvbuf);
-    sockaddr_un from;
-    socklen_t from_len = 0;
-    std::vector<char> received(RECV_MAX);
-    for (size_t size : {size_t(5), RECV_MAX, RECV_MAX + 100}) {
-        std::string message(size, 'x');
-        send_local(message.data(), message.size(), path.c_str());
-        EXPECT_EQ(RecvMsg(fd, received.data(), RECV_MAX, &from, &from_len, RECV_ADDR_LOCAL),
-                  static_cast<ssize_t>(std::min(size, RECV_MAX)));
-    }
-    close(fd);
-
-    setenv("TARN_LOG_STDERR", "1", 1);
-    tarn_debug = 1;
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(InitSocket(&fd, (std::string(dir) + "/missing/sock").c_str()), 0);
-    send_local("x", 1, (std::string(dir) + "/nobody").c_str());
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "InitSocket: Bind socket failed\nsend packet failed,errno:2\n");
-    tarn_debug = 0;
-    unsetenv("TARN_LOG_STDERR");
-    unlink(path.c_str());
-    rmdir(dir);
-}
-
 // The shared receive buffer is cleared over the bytes each datagram brought, not over all of
-// it: across random datagram sizes it must read exactly as a full clear leaves it.
+// it: across random datagram sizes, longer ones cut at RECV_MAX, it must read exactly as a
+// full clear leaves it.
 TEST(LocalSocket, ReceivedDatagramLeavesTheBufferAsAFullClear) {
     int pair[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, pair), 0);
@@ -81,18 +47,47 @@ TEST(LocalSocket, ReceivedDatagramLeavesTheBufferAsAFullClear) {
     std::mt19937 gen(77);
     bytes expected(RECV_BUFFER_SIZE);
     for (int i = 0; i < 3000; ++i) {
-        bytes dg(gen() % 10 == 0 ? gen() % (RECV_MAX + 1) : gen() % 600);
+        bytes dg(gen() % 10 == 0 ? gen() % (RECV_MAX + 100) : gen() % 600);
         std::generate(dg.begin(), dg.end(), [&gen] { return uint8_t(gen() | 1); });  // never 0
         ASSERT_EQ(send(pair[0], dg.data(), dg.size(), 0), static_cast<ssize_t>(dg.size()));
         sockaddr_un from;
         socklen_t from_len = sizeof from;
         received_datagram got(pair[1], &from, &from_len, RECV_ADDR_LOCAL);
-        ASSERT_EQ(got.size(), dg.size());
-        std::fill(std::copy(dg.begin(), dg.end(), expected.begin()), expected.end(), 0);
+        ASSERT_EQ(got.size(), std::min(dg.size(), RECV_MAX));
+        std::fill(std::copy_n(dg.begin(), got.size(), expected.begin()), expected.end(), 0);
         ASSERT_EQ(memcmp(buffer, expected.data(), expected.size()), 0) << i;
     }
     close(pair[0]);
     close(pair[1]);
+}
+
+// How many pages of [p, p + n) are in memory.
+size_t resident_pages(const void *p, size_t n) {
+    const uintptr_t page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+    const uintptr_t begin = reinterpret_cast<uintptr_t>(p) / page * page;
+    const size_t pages = (reinterpret_cast<uintptr_t>(p) + n - begin + page - 1) / page;
+    std::vector<unsigned char> in_core(pages);
+    EXPECT_EQ(mincore(reinterpret_cast<void *>(begin), pages * page, in_core.data()), 0);
+    return static_cast<size_t>(
+        std::count_if(in_core.begin(), in_core.end(), [](auto v) { return v & 1; }));
+}
+
+// A crafted datagram that writes a few bytes into each of hundreds of pages of the decode area
+// (255 entry heads of a fixed-layout kind) leaves them resident only until the next decode.
+TEST(ReceiveArea, SpreadDecodePagesGoBackToTheKernel) {
+    auto area = std::make_unique<nbcp_decode_area>();
+    std::vector<uint8_t> spread = {0, 0, 0, 5, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 255};
+    for (int entry = 0; entry < 255; ++entry) {
+        spread.insert(spread.end(), {1, 0, 0});
+        spread.resize(spread.size() + 14);
+    }
+    const uint8_t unknown[12] = {0, 0, 0, 200};
+
+    area->parse(spread.data(), spread.size());
+    const size_t after_spread = resident_pages(&area->msg, sizeof area->msg);
+    area->parse(unknown, sizeof unknown);
+    EXPECT_GT(after_spread, 200u);
+    EXPECT_LT(resident_pages(&area->msg, sizeof area->msg), 8u);
 }
 
 bytes message(uint16_t op, uint8_t value = 0, size_t len = LOCAL_MSG_HDR_LEN) {
@@ -111,12 +106,8 @@ bytes probe_request(const char *ip) {
 }
 
 void fill_table(int n) {
-    std::lock_guard<std::mutex> guard(ngb_lock);
     for (int i = 0; i < n; ++i) {
-        std::unique_ptr<neighbor_ap> entry = neighbor_ap_new();
-        entry->mac = entry->info.mac = {0x02, 0, 0, 0, 0, static_cast<uint8_t>(i)};
-        mac_addr mac = entry->mac;
-        neighbor_ap_add(mac, entry);
+        ntest::add_entry(ntest::mac(static_cast<uint8_t>(i)), 0);
     }
 }
 
@@ -152,34 +143,6 @@ struct control_step {
 
 // One daemon through a sequence of requests: after each, what was answered at the client
 // path (or the sender's path) or probed, the table size, and the driver messages ("op:value").
-size_t resident_pages(const void *p, size_t n) {
-    const uintptr_t page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
-    const uintptr_t begin = reinterpret_cast<uintptr_t>(p) / page * page;
-    const size_t pages = (reinterpret_cast<uintptr_t>(p) + n - begin + page - 1) / page;
-    std::vector<unsigned char> in_core(pages);
-    EXPECT_EQ(mincore(reinterpret_cast<void *>(begin), pages * page, in_core.data()), 0);
-    return static_cast<size_t>(
-        std::count_if(in_core.begin(), in_core.end(), [](auto v) { return v & 1; }));
-}
-
-// A crafted datagram that writes a few bytes into each of hundreds of pages of the decode area
-// (255 entry heads of a fixed-layout kind) leaves them resident only until the next decode.
-TEST(ReceiveArea, SpreadDecodePagesGoBackToTheKernel) {
-    auto area = std::make_unique<nbcp_decode_area>();
-    std::vector<uint8_t> spread = {0, 0, 0, 5, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 255};
-    for (int entry = 0; entry < 255; ++entry) {
-        spread.insert(spread.end(), {1, 0, 0});
-        spread.resize(spread.size() + 14);
-    }
-    const uint8_t unknown[12] = {0, 0, 0, 200};
-
-    area->parse(spread.data(), spread.size());
-    const size_t after_spread = resident_pages(&area->msg, sizeof area->msg);
-    area->parse(unknown, sizeof unknown);
-    EXPECT_GT(after_spread, 200u);
-    EXPECT_LT(resident_pages(&area->msg, sizeof area->msg), 8u);
-}
-
 TEST(LocalControl, RequestsEffectsAndAnswers) {
     SKIP_UNLESS_ROOT();
     const control_step steps[] = {
@@ -235,10 +198,9 @@ TEST(LocalControl, RequestsEffectsAndAnswers) {
                 driver_ops += (driver_ops.empty() ? "" : " ") + std::to_string(m[16]) + ":" +
                               std::to_string(m[17]);
             }
-            std::lock_guard<std::mutex> guard(ngb_lock);
             out += answer(s.from != nullptr ? from : client, probes) + " " +
-                   std::to_string(table_cnt) + " | " + (driver_ops.empty() ? "-" : driver_ops) +
-                   "\n";
+                   std::to_string(ntest::table_count()) + " | " +
+                   (driver_ops.empty() ? "-" : driver_ops) + "\n";
             close(from);
         }
         return out + static_env::calls("uci");

@@ -1,23 +1,20 @@
-// The neighbor-list dumps and the show client: the four printed tables byte for byte, the
-// daemon's dump order and bound, and the client's exchange with a stand-in daemon.
+// The neighbor-list dumps and the show tables: the four printed tables byte for byte, hostile
+// records, and the daemon's dump order and bound. The client's exchange with the daemon is
+// driven end to end by the system tests.
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstring>
 #include <string>
 #include <vector>
 
-#include "core/cmdline.h"
 #include "core/local_msg.h"
 #include "diag/neighbor_dump.h"
 #include "diag/show_client.h"
 #include "diag/show_tables.h"
 #include "neighbor/neighbor_table.h"
 #include "proto/nbcp.h"
-#include "sandbox.h"
 #include "static/static_store.h"
 #include "static_env.h"
 #include "util/paths.h"
@@ -179,68 +176,6 @@ TEST(NeighborDump, StaticNeighborsFollowTheTableWithOnlyTheirCopiedFields) {
         return out + (only_copied ? " copied-only" : " differs");
     });
     EXPECT_EQ(seen, "4: 1 2 9 8 copied-only");
-}
-
-// show_ngbrs_list(kind) in a child with its output in a file, against this process as the
-// daemon answering with a list of `records` records and the given reply op: "status, the
-// request the daemon got, what was printed, whether the reply path is left".
-std::string run_client(int kind, uint16_t reply_op, size_t records, int printed_kind) {
-    int daemon = static_env::bind_local(TARN_SOCKET_PATH, 3000);
-    fflush(nullptr);
-    pid_t child = fork();
-    if (child == 0) {
-        dup2(open("/tmp/client.out", O_WRONLY | O_CREAT | O_TRUNC, 0644), STDOUT_FILENO);
-        show_ngbrs_list(kind);
-        _exit(42);  // the caller ends with status 0; 42 tells the two apart
-    }
-    bytes request(70000);
-    ssize_t n = recv(daemon, request.data(), request.size(), 0);
-    uint16_t op = 0;
-    memcpy(&op, request.data() + 4, sizeof op);
-    request[4] = 0;
-    bool zero_filled = std::all_of(request.begin(), request.begin() + std::max<ssize_t>(n, 0),
-                                   [](uint8_t b) { return b == 0; });
-    std::vector<ap_info> list = learned_and_static();
-    list.resize(records, list[1]);  // short entries: 67 fit the reader's walk
-    neighbor_list_writer writer(TARN_MSG_DUMP_NGBR);
-    for (const ap_info &r : list) {
-        writer.add(r);
-    }
-    bytes reply = writer.finish();
-    memcpy(reply.data() + 4, &reply_op, sizeof reply_op);
-    sockaddr_un to{AF_UNIX, {}};
-    snprintf(to.sun_path, sizeof to.sun_path, "%s", TARN_CLIENT_PATH);
-    sendto(daemon, reply.data(), reply.size(), 0, reinterpret_cast<sockaddr *>(&to), sizeof to);
-    int status = 0;
-    waitpid(child, &status, 0);
-    list.resize(std::min<size_t>(records, NGB_HASH_SIZE));
-    bool as_expected = sandbox::read_file("/tmp/client.out") == printed(printed_kind, list);
-    return "status " + std::to_string(WIFEXITED(status) ? WEXITSTATUS(status) : -1) + ", request " +
-           std::to_string(n) + " op " + std::to_string(op) + (zero_filled ? " zero-filled" : "") +
-           (as_expected ? ", table as expected" : "") +
-           (sandbox::exists(TARN_CLIENT_PATH) ? ", path left" : "");
-}
-
-TEST(ShowClient, PrintsTheTableOfItsKindOrTheWirelessTableForReplyOps1And2) {
-    SKIP_UNLESS_ROOT();
-    const struct {
-        int kind;
-        uint16_t reply_op;
-        size_t records;
-        int printed_kind;
-    } cases[] = {
-        {SHOW_CLUSTER, TARN_MSG_LIST_REPLY, 2, SHOW_CLUSTER},
-        {SHOW_UBUS, TARN_MSG_LIST_REPLY, 70, SHOW_UBUS},  // the first 67 are printed
-        {SHOW_NEIGHBOR, TARN_MSG_LIST_REPLY, 0, SHOW_NEIGHBOR},
-        {SHOW_NEIGHBOR, TARN_MSG_DUMP_NGBR, 2, SHOW_WIRELESS},
-        {SHOW_CLUSTER, TARN_MSG_NGBR_INFO, 2, SHOW_WIRELESS},
-    };
-    for (const auto &c : cases) {
-        std::string seen = static_env::run(
-            [&c] { return run_client(c.kind, c.reply_op, c.records, c.printed_kind); });
-        EXPECT_EQ(seen, "status 0, request 65535 op 2 zero-filled, table as expected")
-            << c.kind << " " << c.reply_op;
-    }
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
 // What the AP knows of itself: addresses, identity, cluster facts and radios, read from
 // stand-in platform commands and system files in a sandbox.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <string>
@@ -9,42 +8,15 @@
 #include "driver_sink.h"
 #include "neighbor/driver_msg.h"
 #include "sandbox.h"
+#include "static_env.h"
 #include "sysinfo/sysinfo.h"
 #include "util/run_cmd.h"
 
 namespace {
 
-std::string ip6_text(const uint8_t *bytes) {
-    char text[INET6_ADDRSTRLEN] = "";
-    inet_ntop(AF_INET6, bytes, text, sizeof text);
-    return text;
-}
-
-std::string ip4_text(uint32_t network_order) {
-    return inet_ntoa(in_addr{network_order});
-}
-
-std::string mac_text(const mac_addr &mac) {
-    char text[32];
-    snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x", mac[0], mac[1], mac[2], mac[3],
-             mac[4], mac[5]);
-    return text;
-}
-
-bool log_has(const std::string &line) {
-    return sandbox::log_text().find(line) != std::string::npos;
-}
-
-// Links without automatic link-local addresses, so each test states exactly what exists.
-bool links(const std::vector<std::string> &commands) {
-    sandbox::sh("sysctl -w net.ipv6.conf.default.addr_gen_mode=1");
-    for (const std::string &command : commands) {
-        if (!sandbox::sh(command)) {
-            return false;
-        }
-    }
-    return true;
-}
+using static_env::ip6_text;
+using static_env::ip_text;
+using static_env::mac_text;
 
 // IP detection reports this AP's addresses (the global IPv6 one before the link-local one) to
 // the driver at every run until the driver confirms, and after that only when one changes.
@@ -53,10 +25,12 @@ TEST(SysinfoAddresses, UplinkAddressesAndDriverReports) {
     SKIP_UNLESS_ROOT();
     std::string result = sandbox::run_in_sandbox([] {
         DriverSink sink;
-        if (!sink.ready() || !links({"ip link add up0 type veth peer name peer0",
-                                     "ip addr add 10.1.2.3/24 brd 10.1.2.255 dev up0",
-                                     "ip -6 addr add fe80::5/64 dev up0 nodad",
-                                     "ip -6 addr add 2001:db8::5/64 dev up0 nodad"})) {
+        // No automatic link-local address: the uplink has exactly the addresses given here.
+        if (!sink.ready() || !sandbox::sh("{ sysctl -w net.ipv6.conf.default.addr_gen_mode=1;"
+                                          "ip link add up0 type veth peer name peer0 &&"
+                                          "ip addr add 10.1.2.3/24 brd 10.1.2.255 dev up0 &&"
+                                          "ip -6 addr add fe80::5/64 dev up0 nodad &&"
+                                          "ip -6 addr add 2001:db8::5/64 dev up0 nodad; }")) {
             return std::string("cannot set up uplink");
         }
         sandbox::install_command("getupifname", "echo up0");
@@ -73,9 +47,9 @@ TEST(SysinfoAddresses, UplinkAddressesAndDriverReports) {
         };
         set_ipaddr = 0;
         std::string report = "unconfirmed:" + runs(3, nullptr);
-        report += " self " + ip4_text(htonl(self_ap_snapshot().ip)) + " " +
-                  ip6_text(self_ap_snapshot().info.ip6.data()) + " " + ip4_text(pvc_mask) + " " +
-                  ip4_text(pvc_brast);
+        report += " self " + ip_text(htonl(self_ap_snapshot().ip)) + " " +
+                  ip6_text(self_ap_snapshot().info.ip6) + " " + ip_text(pvc_mask) + " " +
+                  ip_text(pvc_brast);
         set_ipaddr = 1;
         report += "\nconfirmed:" + runs(1, nullptr);
         report +=
@@ -86,8 +60,9 @@ TEST(SysinfoAddresses, UplinkAddressesAndDriverReports) {
         // An uplink without addresses keeps the last IPv4 facts; its IPv6 address is now none.
         sandbox::install_command("getupifname", "echo gone0");
         report += " unknown uplink:" + runs(1, nullptr);
-        report +=
-            " " + ip4_text(ap_ip) + " " + std::to_string(log_has("get_ipaddr: get ip failed\n"));
+        report += " " + ip_text(ap_ip) + " " +
+                  std::to_string(
+                      static_env::contains(sandbox::log_text(), "get_ipaddr: get ip failed\n"));
         return report;
     });
     EXPECT_EQ(result,
@@ -130,7 +105,7 @@ TEST(SysinfoIdentity, FieldsFromPlatformCommands) {
             char ifname[IFNAME_SIZE];
             Get_ifname(ifname);
             neighbor_ap self = self_ap_snapshot();
-            report += ip4_text(htonl(self.info.qv_ip)) + " [" + self.info.version + "] [" +
+            report += ip_text(htonl(self.info.qv_ip)) + " [" + self.info.version + "] [" +
                       self.info.name + "] [" + self.info.tenantId + "] [" + ifname + "] " +
                       mac_text(self.mac) + "\n";
         }
@@ -160,7 +135,7 @@ TEST(SysinfoCluster, ModeAndPvcInfo) {
             get_cluster_info();
             neighbor_ap self = self_ap_snapshot();
             report += " " + std::to_string(self.info.cluster_id) + "/" +
-                      ip4_text(htonl(self.info.pvc_ip)) + "/" + mac_text(self.info.pvc_mac) + "/" +
+                      ip_text(htonl(self.info.pvc_ip)) + "/" + mac_text(self.info.pvc_mac) + "/" +
                       std::to_string(self.info.cluster_flag);
         }
         return report;
