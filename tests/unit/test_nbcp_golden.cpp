@@ -15,6 +15,7 @@
 #include <fstream>
 #include <iterator>
 #include <memory>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -90,7 +91,10 @@ size_t record_bytes(uint8_t kind) {
 // one's, so a byte the clearing missed shows up too.
 class decode_log {
   public:
-    decode_log() : area_(new nbcp_decode_area()) {}
+    // The marked lines lie on 64-byte address boundaries: the area is placed on one, so that
+    // their count does not depend on where the allocator puts it.
+    decode_log()
+        : area_(new (std::aligned_alloc(nbcp_touched::LINE, AREA_BYTES)) nbcp_decode_area()) {}
 
     void decode(const bytes &datagram) {
         const bytes copy = datagram;  // exactly its size, so a read past the end is caught
@@ -129,7 +133,15 @@ class decode_log {
         }
     }
 
-    std::unique_ptr<nbcp_decode_area> area_;
+    static constexpr size_t AREA_BYTES = (sizeof(nbcp_decode_area) + nbcp_touched::LINE - 1) /
+                                         nbcp_touched::LINE * nbcp_touched::LINE;
+    struct area_free {
+        void operator()(nbcp_decode_area *area) const {
+            area->~nbcp_decode_area();
+            std::free(area);
+        }
+    };
+    std::unique_ptr<nbcp_decode_area, area_free> area_;
     size_t previous_bytes_ = sizeof(nbcp_msg::m);
     std::string text_;
 };
@@ -247,7 +259,7 @@ TEST(NbcpGolden, FuzzCorpora) {
     for (const bytes &l : replies) {
         lists.read_list(l);
     }
-    expect_golden({"corpus_parse", 0xc23633eb1dd3aff3}, parsed.text());
+    expect_golden({"corpus_parse", 0x085f1fe659ee2bb9}, parsed.text());
     expect_golden({"corpus_list", 0x22df9c775ae37ded}, lists.text());
 }
 
@@ -256,7 +268,7 @@ TEST(NbcpGolden, RandomDatagramsOfEveryType) {
     for (const bytes &d : random_datagrams()) {
         log.decode(d);
     }
-    expect_golden({"random", 0x2bfbf9660dd4d91b}, log.text());
+    expect_golden({"random", 0x71aced426e757a20}, log.text());
 }
 
 }  // namespace
