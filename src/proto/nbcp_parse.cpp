@@ -183,8 +183,9 @@ int nbcp_decode(const uint8_t *data, size_t len, nbcp_msg *msg, nbcp_touched *to
     }
     const nbcp_dispatch &entry = NBCP_DISPATCH[datagram_type(data, len)];
     if (touched != nullptr) {
-        touched->mark(&msg->kind, sizeof msg->kind);
-        touched->mark(&msg->m, entry.parse != nullptr ? entry.head_size : sizeof(nbcp_hdr));
+        // kind and the record's head as one range: the bytes between them are padding.
+        touched->mark(msg, offsetof(nbcp_msg, m) +
+                               (entry.parse != nullptr ? entry.head_size : sizeof(nbcp_hdr)));
     }
     if (entry.parse == nullptr) {
         return 0;
