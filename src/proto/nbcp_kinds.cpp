@@ -299,8 +299,8 @@ constexpr field_desc K6_FIXED[] = {
 
 // Type 16 (fixed layout only): a count, an address, then count groups of 3 bytes.
 constexpr field_desc T16_GROUP[] = {{0, form::raw, 0, 3}};
-constexpr list_desc T16_GROUPS = {AT(nbcp_type16, groups), 3, 255, 0, 3, mark::on_element,
-                                  fields(T16_GROUP)};
+constexpr list_desc T16_GROUPS =
+    long_list<uint8_t[3]>(AT(nbcp_type16, groups), 0, 3, mark::on_element, fields(T16_GROUP));
 constexpr field_desc T16_FIXED[] = {
     {0, form::u8, AT(nbcp_type16, count)},
     {0, form::mac, AT(nbcp_type16, address)},
@@ -320,10 +320,6 @@ constexpr kind_desc KINDS[NBCP_KIND_MAX] = {
     {fields(K3_TLV), fields(K3_FIXED)}, {fields(K4_TLV), fields(K4_FIXED)},
     {fields(K5_TLV), fields(K5_FIXED)}, {fields(K6_TLV), fields(K6_FIXED)},
 };
-
-}  // namespace
-
-namespace {
 
 void mark_item(nbcp_touched *touched, const list_desc &list, uint8_t *item) {
     if (touched != nullptr) {
