@@ -1,5 +1,6 @@
 // Parsers of the message kinds that are decoded but never acted on: kinds 1 to 6 in their
-// fixed-layout and TLV forms, and the fixed-layout types 15 and 16.
+// fixed-layout and TLV forms, and the fixed-layout types 15 and 16. Kinds 1 to 6 and type 16
+// are read from descriptor tables; type 15 alone keeps hand code for its subtype rules.
 #pragma once
 
 #include <cstddef>
@@ -9,37 +10,14 @@
 #include "proto/nbcp_touched.h"
 #include "proto/nbcp_wire.h"
 
-// Each parser reads a datagram of size readable bytes from its first body byte. The TLV forms
-// walk until limit bytes are consumed; the fixed layouts ignore limit and read a bounded number
-// of fields. Each marks in touched (when not null) the list items it writes; the caller marks
-// the record up to its first list (nbcp_decode).
-void nbcp_parse_kind1_fixed(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &msg,
-                            nbcp_touched *touched);
-void nbcp_parse_kind2_fixed(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &msg,
-                            nbcp_touched *touched);
-void nbcp_parse_kind3_fixed(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &msg,
-                            nbcp_touched *touched);
-void nbcp_parse_kind4_fixed(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &msg,
-                            nbcp_touched *touched);
-void nbcp_parse_kind5_fixed(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &msg,
-                            nbcp_touched *touched);
-void nbcp_parse_kind6_fixed(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &msg,
-                            nbcp_touched *touched);
-
-void nbcp_parse_kind1_tlv(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &msg,
-                          nbcp_touched *touched);
-void nbcp_parse_kind2_tlv(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &msg,
-                          nbcp_touched *touched);
-void nbcp_parse_kind3_tlv(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &msg,
-                          nbcp_touched *touched);
-void nbcp_parse_kind4_tlv(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &msg,
-                          nbcp_touched *touched);
-void nbcp_parse_kind5_tlv(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &msg,
-                          nbcp_touched *touched);
-void nbcp_parse_kind6_tlv(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &msg,
-                          nbcp_touched *touched);
-
+// Each parser reads a datagram of size readable bytes from its first body byte into the record
+// of msg.kind, which the dispatch has set. The TLV form walks until limit bytes are consumed;
+// the fixed layouts ignore limit and read a bounded number of fields. Each marks in touched
+// (when not null) the list items it writes; the caller marks the record up to its first list
+// (nbcp_decode).
+void nbcp_parse_kind_tlv(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &msg,
+                         nbcp_touched *touched);
+void nbcp_parse_kind_fixed(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &msg,
+                           nbcp_touched *touched);
 void nbcp_parse_type15(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &msg,
-                       nbcp_touched *touched);
-void nbcp_parse_type16(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &msg,
                        nbcp_touched *touched);

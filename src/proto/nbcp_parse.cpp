@@ -126,23 +126,23 @@ struct nbcp_dispatch {
 constexpr std::array<nbcp_dispatch, 256> make_dispatch_table() {
     std::array<nbcp_dispatch, 256> t{};
     const nbcp_dispatch fixed_kinds[] = {
-        {1, 0, nbcp_parse_kind1_fixed, sizeof(nbcp_kind1), sizeof(nbcp_kind1)},
-        {2, 0, nbcp_parse_kind2_fixed, sizeof(nbcp_kind2), offsetof(nbcp_kind2, entries)},
-        {3, 0, nbcp_parse_kind3_fixed, sizeof(nbcp_kind3), sizeof(nbcp_kind3)},
-        {4, 0, nbcp_parse_kind4_fixed, sizeof(nbcp_kind4), offsetof(nbcp_kind4, entries)},
-        {5, 0, nbcp_parse_kind5_fixed, sizeof(nbcp_kind5), offsetof(nbcp_kind5, entries)},
-        {6, 0, nbcp_parse_kind6_fixed, sizeof(nbcp_kind6), offsetof(nbcp_kind6, entries)},
+        {1, 0, nbcp_parse_kind_fixed, sizeof(nbcp_kind1), sizeof(nbcp_kind1)},
+        {2, 0, nbcp_parse_kind_fixed, sizeof(nbcp_kind2), offsetof(nbcp_kind2, entries)},
+        {3, 0, nbcp_parse_kind_fixed, sizeof(nbcp_kind3), sizeof(nbcp_kind3)},
+        {4, 0, nbcp_parse_kind_fixed, sizeof(nbcp_kind4), offsetof(nbcp_kind4, entries)},
+        {5, 0, nbcp_parse_kind_fixed, sizeof(nbcp_kind5), offsetof(nbcp_kind5, entries)},
+        {6, 0, nbcp_parse_kind_fixed, sizeof(nbcp_kind6), offsetof(nbcp_kind6, entries)},
     };
     const nbcp_dispatch tlv_kinds[] = {
-        {1, NBCP_WALK_LIMIT, nbcp_parse_kind1_tlv, sizeof(nbcp_kind1), sizeof(nbcp_kind1)},
-        {2, NBCP_KIND2_WALK_LIMIT, nbcp_parse_kind2_tlv, sizeof(nbcp_kind2),
+        {1, NBCP_WALK_LIMIT, nbcp_parse_kind_tlv, sizeof(nbcp_kind1), sizeof(nbcp_kind1)},
+        {2, NBCP_KIND2_WALK_LIMIT, nbcp_parse_kind_tlv, sizeof(nbcp_kind2),
          offsetof(nbcp_kind2, entries)},
-        {3, NBCP_WALK_LIMIT, nbcp_parse_kind3_tlv, sizeof(nbcp_kind3), sizeof(nbcp_kind3)},
-        {4, NBCP_WALK_LIMIT, nbcp_parse_kind4_tlv, sizeof(nbcp_kind4),
+        {3, NBCP_WALK_LIMIT, nbcp_parse_kind_tlv, sizeof(nbcp_kind3), sizeof(nbcp_kind3)},
+        {4, NBCP_WALK_LIMIT, nbcp_parse_kind_tlv, sizeof(nbcp_kind4),
          offsetof(nbcp_kind4, entries)},
-        {5, NBCP_KIND5_WALK_LIMIT, nbcp_parse_kind5_tlv, sizeof(nbcp_kind5),
+        {5, NBCP_KIND5_WALK_LIMIT, nbcp_parse_kind_tlv, sizeof(nbcp_kind5),
          offsetof(nbcp_kind5, entries)},
-        {6, NBCP_WALK_LIMIT, nbcp_parse_kind6_tlv, sizeof(nbcp_kind6),
+        {6, NBCP_WALK_LIMIT, nbcp_parse_kind_tlv, sizeof(nbcp_kind6),
          offsetof(nbcp_kind6, entries)},
     };
     for (int k = NBCP_KIND_MIN; k <= NBCP_KIND_MAX; ++k) {
@@ -155,7 +155,7 @@ constexpr std::array<nbcp_dispatch, 256> make_dispatch_table() {
                          sizeof(nbcp_ndsp)};
     t[NBCP_TYPE_15] = {NBCP_TYPE_15, 0, nbcp_parse_type15, sizeof(nbcp_type15),
                        sizeof(nbcp_type15)};
-    t[NBCP_TYPE_16] = {NBCP_TYPE_16, 0, nbcp_parse_type16, sizeof(nbcp_type16),
+    t[NBCP_TYPE_16] = {NBCP_TYPE_16, 0, nbcp_parse_kind_fixed, sizeof(nbcp_type16),
                        offsetof(nbcp_type16, groups)};
     return t;
 }
@@ -183,8 +183,9 @@ int nbcp_decode(const uint8_t *data, size_t len, nbcp_msg *msg, nbcp_touched *to
     }
     const nbcp_dispatch &entry = NBCP_DISPATCH[datagram_type(data, len)];
     if (touched != nullptr) {
-        touched->mark(&msg->kind, sizeof msg->kind);
-        touched->mark(&msg->m, entry.parse != nullptr ? entry.head_size : sizeof(nbcp_hdr));
+        // kind and the record's head as one range: the bytes between them are padding.
+        touched->mark(msg, offsetof(nbcp_msg, m) +
+                               (entry.parse != nullptr ? entry.head_size : sizeof(nbcp_hdr)));
     }
     if (entry.parse == nullptr) {
         return 0;

@@ -88,29 +88,21 @@ inline void nbcp_walk_items(nbcp_decoder &d, uint32_t limit, uint32_t count, uin
     }
 }
 
-// A radio as the builders write it: its five one-byte elements in the order of radio_info,
-// then its end. Taken whole when the next 30 bytes are exactly that; the result is the one the
-// item walk gives for the same bytes.
+// Takes a radio whole when the next 30 bytes are one as the builders write it (see
+// nbcp_radio_codes); the result is the one the item walk gives for the same bytes.
 inline bool nbcp_radio_in_order(nbcp_decoder &d, uint32_t limit, radio_info &r,
                                 const nbcp_radio_codes &codes) {
     constexpr size_t FIELD = NBCP_TL_LEN + 1;
-    constexpr size_t RADIO = 6 * FIELD;
+    constexpr size_t RADIO = nbcp_radio_codes::IN_ORDER_LEN;
     if (d.consumed + RADIO > limit || !nbcp_fits(d, RADIO)) {
         return false;
     }
     const uint8_t *p = d.data + d.consumed;
-    const uint16_t order[6] = {codes.radioid, codes.channel,   codes.txpower,
-                               codes.rssi,    codes.bandwidth, codes.end};
-    uint32_t mismatch = 0;
-    for (size_t i = 0; i < 6; ++i) {
-        // Type and length 1 as they stand on the wire, compared as one word.
-        const uint8_t want[NBCP_TL_LEN] = {static_cast<uint8_t>(order[i] >> 8),
-                                           static_cast<uint8_t>(order[i]), 0, 1};
-        uint32_t have_word;
-        uint32_t want_word;
-        std::memcpy(&have_word, p + i * FIELD, sizeof have_word);
-        std::memcpy(&want_word, want, sizeof want_word);
-        mismatch |= have_word ^ want_word;
+    uint64_t mismatch = 0;
+    for (size_t w = 0; w < 4; ++w) {
+        const uint8_t *word = p + nbcp_radio_codes::IN_ORDER_AT[w];
+        uint64_t have = uint64_t{nbcp_be32(word)} << 32 | nbcp_be32(word + 4);
+        mismatch |= (have ^ codes.want[w]) & codes.mask[w];
     }
     if (mismatch != 0) {
         return false;
