@@ -44,8 +44,8 @@ TEST(SysinfoAddresses, UplinkAddressesAndDriverReports) {
         set_ipaddr = 0;
         std::string report = "unconfirmed:" + runs(3);
         report += " self " + ip_text(htonl(self_ap_snapshot().ip)) + " " +
-                  static_env::ip6_text(self_ap_snapshot().info.ip6) + " " + ip_text(pvc_mask) +
-                  " " + ip_text(pvc_brast);
+                  ip_text(self_ap_snapshot().info.ip6) + " " + ip_text(pvc_mask) + " " +
+                  ip_text(pvc_brast);
         set_ipaddr = 1;
         report += "\nconfirmed:" + runs(1);
         sandbox::sh("ip -4 addr flush dev up0; ip addr add 10.1.2.4/24 dev up0");
