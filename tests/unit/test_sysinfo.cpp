@@ -68,8 +68,10 @@ TEST(SysinfoFacts, FromPlatformCommandsAndFiles) {
     std::string seen = sandbox::run_in_sandbox([] {
         install_command("getqvinfo", "echo ' 10.2.3.4'");
         install_command("showver", "printf '  V2.3.4" + LONG + "\\t \\n'");
-        install_command(
-            "uci", "case \"$*\" in *wifi.count) cat /tmp/count;; *) echo AP" + LONG + ";; esac");
+        install_command("uci",
+                        "case \"$*\" in '-c /etc/.system/ get spec.wifi.count') "
+                        "cat /tmp/count;; *) echo AP" +
+                            LONG + ";; esac");
         install_command("getupifname", "echo 'br-lan" + LONG + " '");
         install_command("showsysinfo", "echo 'Model:XY-1'; echo 'MAC:00:1a:2B:3c:4d:5e'");
         install_command("getmode", "cat /tmp/mode 2>/dev/null");
