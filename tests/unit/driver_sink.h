@@ -14,9 +14,7 @@
 class DriverSink {
   public:
     DriverSink() {
-        fd_ = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_USERSOCK);
-        sockaddr_nl addr{};
-        addr.nl_family = AF_NETLINK;  // port id 0: the kernel picks a free one
+        sockaddr_nl addr{AF_NETLINK, 0, 0, 0};  // port id 0: the kernel picks a free one
         socklen_t len = sizeof addr;
         if (fd_ >= 0 && bind(fd_, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0 &&
             getsockname(fd_, reinterpret_cast<sockaddr *>(&addr), &len) == 0) {
@@ -39,18 +37,14 @@ class DriverSink {
     // so nothing is still on its way once the sender has returned.
     std::vector<std::vector<uint8_t>> take_all() {
         std::vector<std::vector<uint8_t>> messages;
-        for (;;) {
-            std::vector<uint8_t> message(4096);
-            ssize_t n = recv(fd_, message.data(), message.size(), MSG_DONTWAIT);
-            if (n < 0) {
-                return messages;
-            }
-            message.resize(static_cast<size_t>(n));
-            messages.push_back(message);
+        std::vector<uint8_t> message(4096);
+        for (ssize_t n; (n = recv(fd_, message.data(), message.size(), MSG_DONTWAIT)) >= 0;) {
+            messages.emplace_back(message.begin(), message.begin() + n);
         }
+        return messages;
     }
 
   private:
-    int fd_ = -1;
+    int fd_ = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_USERSOCK);
     bool ready_ = false;
 };

@@ -1,29 +1,23 @@
-// A private little AP for tests of code that runs platform commands and reads system files.
-//
-// run_in_sandbox() forks a child that gets its own mount and network namespaces, a fresh tmpfs
-// on /tmp, the sysfs of its new network namespace on /sys, and /tmp/bin first on PATH for
-// stand-in platform commands. The body runs in the child and returns a text; the parent gets
-// that text back through a file (gtest assertions made in the child would be lost), so tests
-// let the body report what it observed and assert on the text in the parent.
+// A private little AP for tests of code that runs platform commands and reads system files: a
+// child with its own mount and network namespaces, a fresh /tmp, its own /sys and /tmp/bin first
+// on PATH runs the body, whose text the parent asserts on (assertions in a child are lost).
 #pragma once
 
 #include <fcntl.h>
 #include <linux/netlink.h>
 #include <sys/mount.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <functional>
-#include <sstream>
+#include <iterator>
 #include <string>
 
 #include "core/settings.h"
@@ -45,9 +39,8 @@ inline void write_file(const std::string &path, const std::string &content, mode
 }
 
 inline std::string read_file(const std::string &path) {
-    std::stringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
-    return text.str();
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 inline bool exists(const std::string &path) {
@@ -69,12 +62,12 @@ inline std::string netlink_unavailable() {
     return reason;
 }
 
-#define SKIP_WITHOUT_NETLINK()                                                         \
-    do {                                                                               \
-        if (!sandbox::netlink_unavailable().empty()) {                                 \
-            GTEST_SKIP() << "netlink user sockets unavailable here (socket: "          \
-                         << sandbox::netlink_unavailable() << "), as under qemu-user"; \
-        }                                                                              \
+#define SKIP_WITHOUT_NETLINK()                                               \
+    do {                                                                     \
+        if (!sandbox::netlink_unavailable().empty()) {                       \
+            GTEST_SKIP() << "no netlink user sockets (as under qemu-user): " \
+                         << sandbox::netlink_unavailable();                  \
+        }                                                                    \
     } while (0)
 
 // A stand-in for a platform command: a shell script in /tmp/bin.
@@ -92,29 +85,13 @@ inline std::string log_text() {
     return read_file(LOG_PATH);
 }
 
-// Makes /proc/net/<name> of this process show the given files only (the directory of the
-// process's own network view is covered by a private copy).
+// Covers this process's /proc/net with a directory holding only the file <name>.
 inline bool fake_proc_net(const std::string &name, const std::string &content) {
     mkdir("/tmp/procnet", 0755);
     write_file("/tmp/procnet/" + name, content);
     std::string target = "/proc/" + std::to_string(getpid()) + "/net";
     return mount("/tmp/procnet", target.c_str(), nullptr, MS_BIND, nullptr) == 0;
 }
-
-// Leaves no file descriptor free in this process, so nothing can open a pipe or a socket.
-// Only the soft limit is lowered, and it is raised again when the process ends: the
-// sanitizer runtimes need descriptors of their own while exit handlers run.
-inline void exhaust_descriptors() {
-    static rlimit saved;
-    getrlimit(RLIMIT_NOFILE, &saved);
-    atexit([] { setrlimit(RLIMIT_NOFILE, &saved); });
-    int lowest_free = dup(0);
-    close(lowest_free);
-    rlimit limit{static_cast<rlim_t>(lowest_free), saved.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &limit);
-}
-
-namespace detail {
 
 inline std::string prepare_child() {
     if (unshare(CLONE_NEWNS | CLONE_NEWNET) != 0 ||
@@ -125,8 +102,7 @@ inline std::string prepare_child() {
     }
     mkdir("/tmp/bin", 0755);
     const char *path = getenv("PATH");
-    std::string new_path = std::string("/tmp/bin:") + (path != nullptr ? path : "/usr/bin:/bin");
-    setenv("PATH", new_path.c_str(), 1);
+    setenv("PATH", (std::string("/tmp/bin:") + (path != nullptr ? path : "/bin")).c_str(), 1);
     sh("ip link set lo up");
 
     // Log lines of the code under test go to a file the body can read.
@@ -141,8 +117,6 @@ inline std::string prepare_child() {
     return "";
 }
 
-}  // namespace detail
-
 // Runs `body` in a sandboxed child and returns its text, or "sandbox failure: ..." when the
 // child could not be set up or did not finish normally.
 inline std::string run_in_sandbox(const std::function<std::string()> &body) {
@@ -155,16 +129,15 @@ inline std::string run_in_sandbox(const std::function<std::string()> &body) {
     fflush(nullptr);
     pid_t child = fork();
     if (child == 0) {
-        std::string failure = detail::prepare_child();
+        std::string failure = prepare_child();
         std::string result = failure.empty() ? body() : "sandbox failure: " + failure;
         fwrite(result.data(), 1, result.size(), result_file);
         fflush(result_file);
         _exit(0);
     }
-    int status = 0;
-    if (child < 0 || waitpid(child, &status, 0) != child) {
-        fclose(result_file);
-        return "sandbox failure: fork";
+    int status = -1;  // not a normal exit: what stays when fork or waitpid fails
+    if (child > 0) {
+        waitpid(child, &status, 0);
     }
     std::string text = read_file("/proc/self/fd/" + std::to_string(fileno(result_file)));
     fclose(result_file);

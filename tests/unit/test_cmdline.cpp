@@ -1,6 +1,5 @@
-// The command line: one table of the accepted and refused forms, sub-commands and daemon
-// options, with what each decides, stores and prints. The usage text, the debug log of refused
-// options and the messages a client sends are checked end to end by the system tests.
+// The command line: one table of accepted and refused forms with what each decides, stores and
+// prints. The usage text, the refused options' log and what a client sends are system-tested.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -28,9 +27,8 @@ parsed parse(std::vector<std::string> words) {
         argv.push_back(word.data());
     }
     argv.push_back(nullptr);
-    setenv("TARN_LOG_STDERR", "1", 1);
     testing::internal::CaptureStdout();
-    testing::internal::CaptureStderr();  // getopt's complaints and the debug log
+    testing::internal::CaptureStderr();  // getopt's complaints
     cmdline_decision decision = parse_cmdline(static_cast<int>(words.size()), argv.data());
     std::string printed = testing::internal::GetCapturedStdout();
     testing::internal::GetCapturedStderr();
@@ -48,7 +46,6 @@ std::string decided(const cmdline_decision &d) {
            std::to_string(max_ngbr_num) + (tarn_debug != 0 ? " D" : "");
 }
 
-const std::string RSSI = "error arg, please input a  number  in  1-200 !\n";
 const std::string VERSION = "error arg, please input a number in 1-255 !\n";
 const std::string COUNT = "invalid arg, allowed max dynamic neighbor is 16-64\n";
 const std::string DEFAULTS = " | V1 R5 n64";
@@ -66,45 +63,29 @@ const form FORMS[] = {
     {{}, "daemon" + DEFAULTS, ""},
     {{"set", "rssi", "200"}, "client 0 200", ""},
     {{"set", "rssi"}, "client 0 5", ""},
-    {{"set", "rssi", "0"}, "exit 0", RSSI},
-    {{"set", "rssi", "abc"}, "exit 0", RSSI},
     {{"set", "V", "257"}, "client 1 1", ""},
     {{"set", "V", "256"}, "exit 0", VERSION},
     {{"set", "V"}, "exit 0", VERSION},
     {{"set", "count", "16"}, "client 2 16", ""},
-    {{"set", "count", "272"}, "client 2 16", ""},
-    {{"set", "count", "65"}, "exit 0", COUNT},
     {{"set", "count"}, "exit 0", COUNT},
     {{"set", "RSSI", "10"}, "exit 0", ""},
-    {{"set"}, "exit 0", ""},
     {{"get", "rssi"}, "client 3 0", ""},
     {{"static"}, "exit 0", ""},
-    {{"show"}, "client 5 0", ""},
     {{"show", "cluster"}, "client 5 1", ""},
-    {{"show", "ubus"}, "client 5 2", ""},
     {{"show", "neighbor"}, "client 5 3", ""},
     {{"show", "xyz"}, "client 5 0", ""},
-    {{"-D"}, "daemon" + DEFAULTS + " D", ""},
     {{"-V", "7"}, "daemon | V7 R5 n64", ""},
-    {{"-V", "257"}, "daemon" + DEFAULTS, ""},
     {{"-V", "0"}, "exit 0 | V0 R5 n64", ""},
     {{"-n", "16"}, "daemon | V1 R5 n16", ""},
     {{"-n", "15"}, "exit 0 | V1 R5 n15", ""},
-    {{"-n", "65"}, "exit 0 | V1 R5 n65", ""},
-    {{"-R", "0"}, "daemon | V1 R0 n64", ""},
     {{"-D", "-R", "300", "-n", "32"}, "daemon | V1 R44 n32 D", ""},
     // A stray word ends option parsing: what follows it is not read.
-    {{"stray", "-D", "-V", "9"}, "daemon" + DEFAULTS, ""},
     {{"-D", "stray", "-V", "9"}, "daemon" + DEFAULTS + " D", ""},
 };
 
 TEST(Cmdline, AcceptedAndRefusedForms) {
     for (const form &f : FORMS) {
-        std::string line;
-        for (const std::string &w : f.words) {
-            line += w + " ";
-        }
-        SCOPED_TRACE(line);
+        SCOPED_TRACE(testing::PrintToString(f.words));
         parsed p = parse(f.words);
         std::string got = decided(p.decision);
         if (f.decided.find(" | ") == std::string::npos) {

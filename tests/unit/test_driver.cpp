@@ -2,8 +2,6 @@
 // hostile ones included, as the receive thread handles them.
 #include <gtest/gtest.h>
 
-#include <array>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -66,41 +64,29 @@ TEST(DriverSend, SendersDeliverExactMessages) {
         self_ap.info.ip6 = IP6;
         self_ap.mac = MAC;
     }
-    bytes ap_info = {1, 7, 0, 0, 0xc0, 0xa8, 0x01, 0x0a};
+    bytes ap_info = {1, 7, 0, 0, 0xc0, 0xa8, 0x01, 0x0a};  // then IPv6, MAC, neighbor count
     ap_info.insert(ap_info.end(), IP6.begin(), IP6.end());
     ap_info.insert(ap_info.end(), MAC.begin(), MAC.end());
     ap_info.push_back(20);
-    const struct {
-        std::function<int()> send;
-        bytes expected;
-    } cases[] = {
-        {[] { return netlink_set_rssi(10); }, header_and({4, 10})},
-        {[] { return netlink_set_max_ngbr_num(16); }, header_and({5, 16})},
-        {[] { return netlink_aps_get(); }, header_and({2, 0})},
-        {[] { return netlink_set_ipaddr(7); }, header_and(ap_info)},
-    };
     max_ngbr_num = 20;
-    for (const auto &c : cases) {
-        ASSERT_EQ(c.send(), 0);
-        std::vector<bytes> got = sink.take_all();
-        ASSERT_EQ(got.size(), 1u);
-        EXPECT_EQ(got[0], c.expected);
-    }
+    EXPECT_EQ(netlink_set_rssi(10), 0);
+    EXPECT_EQ(netlink_set_max_ngbr_num(16), 0);
+    EXPECT_EQ(netlink_aps_get(), 0);
+    EXPECT_EQ(netlink_set_ipaddr(7), 0);
+    const std::vector<bytes> expected = {header_and({4, 10}), header_and({5, 16}),
+                                         header_and({2, 0}), header_and(ap_info)};
+    EXPECT_EQ(sink.take_all(), expected);
     max_ngbr_num = MAX_NGBR_NUM_DEFAULT;
     std::lock_guard<std::mutex> guard(self_ap_lock);
     self_ap = neighbor_ap{};
 }
 
 const mac_addr A = mac(0x0a);
-const mac_addr B = mac(0x0b);
 const mac_addr C = mac(0x0c);
 
 // "ip ip6 state age radiocnt time | id/channel/rssi/bandwidth/txpower per slot" of an entry.
 std::string entry_text(const mac_addr &m) {
     entry_copy e = table_entry(m);
-    if (!e.found) {
-        return "none";
-    }
     char ip6[INET6_ADDRSTRLEN];
     inet_ntop(AF_INET6, e.ap.info.ip6.data(), ip6, sizeof ip6);
     std::string ip = e.ap.ip == e.ap.info.ip ? inet_ntoa(in_addr{e.ap.ip}) : "ip differs";
@@ -117,8 +103,7 @@ std::string entry_text(const mac_addr &m) {
 }
 
 // The handler as the receive thread runs it, on datagrams the stand-in driver sends. Probes of
-// new neighbors fail here (no send socket); their log line shows them. The system tests watch
-// real probes leave.
+// new neighbors fail here (no send socket); the system tests watch real probes leave.
 class DriverEvents : public testing::Test {
   protected:
     void SetUp() override {
@@ -133,81 +118,35 @@ class DriverEvents : public testing::Test {
         set_ipaddr = 0;
         sock_send_nbcp = saved_send_;
     }
-    std::string deliver(const bytes &payload) {
+    void deliver(const bytes &payload) {
         feed.send_event(payload);
-        return logged([] { hand_receive(); });
+        hand_receive();
     }
     driver_feed feed;
-
-  private:
     int saved_send_ = 0;
 };
 
-struct event_step {
-    const char *name;
-    std::function<void(neighbor_ap &)> before;  // applied to A's entry first, when set
-    bytes payload;
-    std::string expected;  // A's entry afterwards
-};
-
-// One neighbor through a sequence of events: heard, refreshed (RSSI averaged 4:1 unless none
-// was stored, addresses moved, what the neighbor's answer filled kept), heard with a radio id
-// naming no slot, cut short, dropped.
-TEST_F(DriverEvents, HeardNeighborThroughItsEvents) {
-    const std::string ip7 = "10.0.0.7 2001:db8::7 state 0/0 age 100 radios 2 time 0 |";
-    bytes cut = heard{A, ipv4("10.0.0.9"), {}, 0, 36, 40, 1}.payload();
-    cut.resize(8);  // operation 1 cut after the address: no MAC, so not A
-    auto answered = [](neighbor_ap &e) {
+// A heard neighbor refreshed: addresses moved, RSSI averaged 4:1 unless none was stored, and
+// what the neighbor's answer filled in (radio count, power) kept.
+TEST_F(DriverEvents, HeardNeighborRefreshed) {
+    deliver(heard{A, ipv4("10.0.0.7"), ipv6("2001:db8::7"), 1, 149, 37, 2}.payload());
+    ASSERT_TRUE(edit_entry(A, [](neighbor_ap &e) {  // answered, then gone offline
         e.info.radio[1].txpower = 21;
         e.info.radiocnt = 3;
         e.state = e.info.state = AP_STATE_OFFLINE;
         e.age = 106;
-    };
-    const std::string kept =
-        "10.0.0.7 2001:db8::7 state 0/0 age 100 radios 3 time 0 | "
-        "0/0/0/0/0 1/40/41/3/21 2/11/50/1/0 0/0/0/0/0";
-    const event_step steps[] = {
-        {"new", nullptr, heard{A, ipv4("10.0.0.7"), ipv6("2001:db8::7"), 1, 149, 37, 2}.payload(),
-         ip7 + " 0/0/0/0/0 1/149/37/2/0 0/0/0/0/0 0/0/0/0/0"},
-        {"refresh of an answered offline entry", answered,
-         heard{A, ipv4("10.0.0.8"), ipv6("2001:db8::8"), 1, 40, 57, 3}.payload(),
-         "10.0.0.8 2001:db8::8 state 0/0 age 100 radios 3 time 0 | 0/0/0/0/0 1/40/41/3/21 "
-         "0/0/0/0/0 0/0/0/0/0"},
-        {"first RSSI of a radio taken whole", nullptr,
-         heard{A, ipv4("10.0.0.7"), ipv6("2001:db8::7"), 2, 11, 50, 1}.payload(), kept},
-        {"radio id out of range", answered,
-         heard{A, ipv4("10.0.0.7"), ipv6("2001:db8::7"), 4, 99, 99, 9}.payload(), kept},
-        {"operation only: zero MAC, not A", nullptr, bytes{6}, kept},
-        {"cut after the address", nullptr, cut, kept},
-        {"dropped by the driver", nullptr, op_with_mac(6, A), "none"},
-    };
-    for (const event_step &s : steps) {
-        SCOPED_TRACE(s.name);
-        if (s.before) {
-            ASSERT_TRUE(edit_entry(A, s.before));
-        }
-        deliver(s.payload);
-        EXPECT_EQ(entry_text(A), s.expected);
-    }
-    EXPECT_EQ(entry_text(mac_addr{}).substr(0, 8), "10.0.0.9") << "the cut event's entry";
-    EXPECT_EQ(table_count(), 1u);
+    }));
+    deliver(heard{A, ipv4("10.0.0.8"), ipv6("2001:db8::8"), 1, 40, 57, 3}.payload());
+    deliver(heard{A, ipv4("10.0.0.8"), ipv6("2001:db8::8"), 2, 11, 50, 1}.payload());
+    EXPECT_EQ(entry_text(A),
+              "10.0.0.8 2001:db8::8 state 0/0 age 100 radios 3 time 0 | 0/0/0/0/0 1/40/41/3/21 "
+              "2/11/50/1/0 0/0/0/0/0");
 }
 
-TEST_F(DriverEvents, OtherOperations) {
-    add_entry(A, ipv4("10.0.0.7"));
-    for (uint8_t op : {4, 5, 6, 0, 7, 255}) {  // unknown MAC or an operation to the driver
-        EXPECT_EQ(deliver(op_with_mac(op, B)),
-                  "hand_receive: hand op is " + std::to_string(op) + "\n");
-    }
-    feed.send_raw(bytes{1, 0, 0});  // less than a netlink header
-    EXPECT_EQ(logged([] { hand_receive(); }), "hand_receive: hand op is 0\n");
-    EXPECT_EQ(table_count(), 1u);
-    for (uint32_t before : {0u, 1u}) {
-        set_ipaddr = before;
-        EXPECT_EQ(deliver(bytes{2}),
-                  "hand_receive: hand op is 2\nhand_receive: netlink set config ok!\n");
-        EXPECT_EQ(set_ipaddr.load(), 1u);
-    }
+TEST_F(DriverEvents, ConfigReplyConfirmsTheAddressesReported) {
+    set_ipaddr = 0;
+    deliver(bytes{2});
+    EXPECT_EQ(set_ipaddr.load(), 1u);
 }
 
 TEST_F(DriverEvents, CacheReplyRefreshesKnownAndCreatesUnknownNeighbors) {
@@ -222,36 +161,29 @@ TEST_F(DriverEvents, CacheReplyRefreshesKnownAndCreatesUnknownNeighbors) {
     for (uint8_t i = 0; i < AP_RADIO_MAX; ++i) {
         known.radio[i] = unknown.radio[i] = radio_info{i, uint8_t(36 + i), 99, uint8_t(40 + i), i};
     }
-    std::string log = deliver(cache_reply(2, {known, unknown}));
+    deliver(cache_reply(2, {known, unknown}));
     EXPECT_EQ(entry_text(A),
               "10.0.1.7 fe80::7 state 1/1 age 103 radios 2 time 500 | 0/36/40/0/17 1/37/41/1/0 "
               "2/38/42/2/0 3/39/43/3/0");
     EXPECT_EQ(entry_text(C),
               "10.0.2.3 2001:db8::3 state 0/0 age 100 radios 2 time 900 | 0/36/40/0/99 "
               "1/37/41/1/99 2/38/42/2/99 3/39/43/3/99");
-    EXPECT_EQ(count_of(log, "dest ip is"), 1) << "only the new neighbor is probed";
 }
 
-struct cut_case {
-    const char *name;
-    uint8_t count;    // announced
-    size_t entries;   // carried whole
-    long trim;        // bytes cut from the end (negative: bytes added)
-    size_t expected;  // entries applied
-};
-
 TEST_F(DriverEvents, CacheReplyAppliesOnlyEntriesWhollyReceived) {
-    const cut_case cases[] = {
+    const struct {
+        const char *name;
+        uint8_t count;    // announced
+        size_t entries;   // carried whole
+        long trim;        // bytes cut from the end (negative: bytes added)
+        size_t expected;  // entries applied
+    } cases[] = {
         {"all whole", 3, 3, 0, 3},
         {"last one byte short", 3, 3, 1, 2},
-        {"last entry missing", 3, 2, 0, 2},
-        {"only the header", 5, 0, 0, 0},
-        {"count received, entry area cut", 1, 1, 88 + 3, 0},
         {"count not received", 1, 1, 88 + 4, 0},
-        {"more carried than announced", 1, 3, 0, 1},
         {"trailing bytes after whole entries", 2, 2, -50, 2},
     };
-    for (const cut_case &c : cases) {
+    for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         neighbor_aps_clear();
         std::vector<cached> entries;
