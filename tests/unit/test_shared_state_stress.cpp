@@ -37,10 +37,6 @@ bytes answer_of(const mac_addr &m, int k) {
     return out;
 }
 
-uint32_t ip_of(int n) {
-    return htonl(0x7f000301 + static_cast<uint32_t>(n));  // 127.0.3.<n + 1>
-}
-
 // The driver's event handled at once, as the receive thread does.
 void driver_event(driver_feed &feed, const bytes &payload) {
     feed.send_event(payload);
@@ -52,7 +48,8 @@ void receive_side(driver_feed &feed, int nbcp_rx, int peer, const sockaddr_in &t
     auto area = std::make_unique<nbcp_decode_area>();
     for (int i = 0; i < 1500; ++i) {
         const int n = i % kMacs;
-        driver_event(feed, heard{mac(static_cast<uint8_t>(n)), ip_of(n)}.payload());
+        const uint32_t ip = htonl(0x7f000301 + static_cast<uint32_t>(n));  // 127.0.3.<n + 1>
+        driver_event(feed, heard{mac(static_cast<uint8_t>(n)), ip}.payload());
         if (i % 3 == 0) {
             bytes answer = answer_of(mac(static_cast<uint8_t>(n)), i);
             sendto(peer, answer.data(), answer.size(), 0, reinterpret_cast<const sockaddr *>(&to),
@@ -63,7 +60,7 @@ void receive_side(driver_feed &feed, int nbcp_rx, int peer, const sockaddr_in &t
             driver_event(feed, op_with_mac(6, mac(static_cast<uint8_t>((n * 7) % kMacs))));
         }
         if (i % 11 == 0) {
-            cached entry{mac(static_cast<uint8_t>((n + 13) % kMacs)), ip_of((n + 13) % kMacs)};
+            cached entry{mac(static_cast<uint8_t>((n + 13) % kMacs)), ip};
             entry.time = static_cast<uint32_t>(i);
             driver_event(feed, cache_reply(1, {entry}));
         }
@@ -85,6 +82,7 @@ bool consistent_walk() {
 
 TEST(DiscoveryStress, ReceiveTimerAndBusThreadsShareTheTable) {
     SKIP_WITHOUT_NETLINK();
+    sock_send_nbcp = -1;  // probes to new neighbors go nowhere
     driver_feed feed;
     int nbcp_rx = socket(AF_INET, SOCK_DGRAM, 0);
     int peer = socket(AF_INET, SOCK_DGRAM, 0);
