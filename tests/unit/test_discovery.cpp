@@ -13,6 +13,7 @@
 #include "core/probe.h"
 #include "core/recv_area.h"
 #include "neighbor_test_util.h"
+#include "probe_capture.h"
 #include "proto/nbcp.h"
 #include "sandbox.h"
 #include "static/static_store.h"
@@ -195,22 +196,22 @@ bytes probe_of(uint8_t mode, uint32_t ip, const mac_addr &m) {
 
 const mac_addr SELF_MAC = {0x00, 0x11, 0x22, 0x33, 0x44, 0x55};
 
-// Each probe caught, as "v4 <destination> m<mode>" or "v6 m<mode>", "bad bytes" when it is not
-// this AP's probe (192.168.1.10, SELF_MAC) of that mode, joined by ", ", or "none".
+// Each IPv4 probe caught, as "<destination> m<mode>", "bad bytes" when it is not this AP's
+// probe (192.168.1.10, SELF_MAC) of that mode, joined by ", ", or "none".
 std::string caught(probe_capture &capture) {
     std::string seen;
     while (auto got = capture.next(100)) {
         uint8_t mode = got->bytes.size() == NBCP_NDRP_LEN ? got->bytes[19] : 0;
         bool same = got->bytes == probe_of(mode, 0xC0A8010A, SELF_MAC);
-        seen += (seen.empty() ? "" : ", ") + (got->v4 ? "v4 " + got->dest : "v6") + " m" +
-                std::to_string(mode) + (same ? "" : " bad bytes");
+        seen += (seen.empty() ? "" : ", ") + got->dest + " m" + std::to_string(mode) +
+                (same ? "" : " bad bytes");
     }
     return seen.empty() ? "none" : seen;
 }
 
-// A node is probed over IPv4 unless it has no IPv4 address or the reserved one; a probe to an
-// IPv4 address goes to the subnet's broadcast in mode 0 for a target inside the subnet and in
-// mode 1 always.
+// A node is probed over IPv4 unless it has no IPv4 address or the reserved one (IPv6 probes
+// are seen by the system tests); a probe to an IPv4 address goes to the subnet's broadcast in
+// mode 0 for a target inside the subnet and in mode 1 always.
 TEST(Probe, ChoosesFamilyAndDestination) {
     SKIP_UNLESS_ROOT();
     const struct {
@@ -220,18 +221,16 @@ TEST(Probe, ChoosesFamilyAndDestination) {
         int mode;
         const char *seen;
     } probes[] = {
-        {false, "127.0.0.5", "::1", 2, "v4 127.0.0.5 m0"},
-        {false, "192.168.1.254", "::1", 3, "v6 m3"},
+        {false, "127.0.0.5", "::1", 2, "127.0.0.5 m0"},
         {false, "192.168.1.254", nullptr, 2, "none"},
-        {true, "127.0.3.4", nullptr, 0, "v4 127.0.255.254 m0"},
-        {true, "127.9.3.4", nullptr, 0, "v4 127.9.3.4 m0"},
-        {true, "127.9.3.4", nullptr, 1, "v4 127.0.255.254 m0"},
-        {true, "127.0.3.4", nullptr, 2, "v4 127.0.3.4 m0"},
+        {true, "127.0.3.4", nullptr, 0, "127.0.255.254 m0"},
+        {true, "127.9.3.4", nullptr, 0, "127.9.3.4 m0"},
+        {true, "127.9.3.4", nullptr, 1, "127.0.255.254 m0"},
+        {true, "127.0.3.4", nullptr, 2, "127.0.3.4 m0"},
     };
     std::string seen = sandbox::run_in_sandbox([&probes] {
         probe_capture capture;
-        sock_send_nbcp = open_probe_socket();
-        sock6_nbcp = socket(AF_INET6, SOCK_DGRAM, 0);
+        sock_send_nbcp = socket(AF_INET, SOCK_DGRAM, 0);
         {
             std::lock_guard<std::mutex> guard(self_ap_lock);
             self_ap.ip = 0xC0A8010A;

@@ -12,6 +12,7 @@
 #include "neighbor/driver_msg.h"
 #include "neighbor/periodic_jobs.h"
 #include "neighbor_test_util.h"
+#include "probe_capture.h"
 #include "sandbox.h"
 #include "sysinfo/self_ap.h"
 
@@ -66,7 +67,7 @@ TEST(Learning, RefreshesThisApAndProbesAtMost64Neighbors) {
         sandbox::install_command("uci", "echo ap-learner");
         DriverSink driver;
         probe_capture capture;
-        sock_send_nbcp = open_probe_socket();
+        sock_send_nbcp = socket(AF_INET, SOCK_DGRAM, 0);
         max_ngbr_num = 100;
         for (int i = 0; i < 70; ++i) {
             std::string ip = "127.0.1." + std::to_string(i + 1);

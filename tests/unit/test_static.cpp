@@ -17,6 +17,7 @@
 #include "core/settings.h"
 #include "neighbor/periodic_jobs.h"
 #include "neighbor_test_util.h"
+#include "probe_capture.h"
 #include "sandbox.h"
 #include "static/static_store.h"
 #include "static/static_update.h"
