@@ -248,6 +248,7 @@ void slow_callback(void *) {
 }
 
 TEST_F(TimerTest, DestroyLetsRunningCallbackFinish) {
+    callback_entered = callback_finished = false;
     ASSERT_NE(timer_add(1, 0, slow_callback, nullptr), TIMER_ADD_FAILED);
     ASSERT_TRUE(wait_until([] { return callback_entered.load(); }));
     timer_service_destroy();
