@@ -6,11 +6,10 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <linux/netlink.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cstdint>
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -18,9 +17,7 @@
 #include <vector>
 
 #include "core/settings.h"
-#include "neighbor/ap_info.h"
 #include "neighbor/neighbor_table.h"
-#include "probe_capture.h"
 #include "util/timer.h"
 
 namespace ntest {
@@ -42,9 +39,7 @@ inline mac_addr mac(uint8_t last, uint8_t fifth = 0x44) {
 }
 
 inline void put(bytes &b, size_t offset, const void *data, size_t len) {
-    if (b.size() < offset + len) {
-        b.resize(offset + len, 0);
-    }
+    b.resize(std::max(b.size(), offset + len));
     memcpy(b.data() + offset, data, len);
 }
 
@@ -53,29 +48,22 @@ struct heard {
     mac_addr mac;
     uint32_t ip = 0;  // network order
     ip6_addr ip6{};
-    uint8_t radioid = 0;
-    uint8_t channel = 0;
-    uint8_t rssi = 0;
-    uint8_t bandwidth = 0;
+    uint8_t radioid = 0, channel = 0, rssi = 0, bandwidth = 0;
 
     bytes payload() const {
-        bytes b(34, 0);
-        b[0] = 1;
+        bytes b{1};
         put(b, 4, &ip, 4);
         put(b, 8, ip6.data(), 16);
         put(b, 24, mac.data(), 6);
-        b[30] = radioid;
-        b[31] = channel;
-        b[32] = rssi;
-        b[33] = bandwidth;
+        const uint8_t radio[] = {radioid, channel, rssi, bandwidth};
+        put(b, 30, radio, 4);
         return b;
     }
 };
 
 // Operations that carry only a MAC at bytes 24-29 (6), or nothing but the operation.
 inline bytes op_with_mac(uint8_t operation, const mac_addr &m) {
-    bytes b(30, 0);
-    b[0] = operation;
+    bytes b{operation};
     put(b, 24, m.data(), 6);
     return b;
 }
@@ -114,12 +102,7 @@ inline bytes cache_reply(uint8_t count, const std::vector<cached> &entries) {
 // A stand-in driver: a NETLINK_USERSOCK pair whose receiving end becomes sock_recv_hand.
 class driver_feed {
   public:
-    driver_feed() {
-        rx_ = open_bound(&rx_port_);
-        tx_ = open_bound(nullptr);
-        saved_hand_ = sock_recv_hand;
-        sock_recv_hand = rx_;
-    }
+    driver_feed() { sock_recv_hand = rx_; }
     ~driver_feed() {
         sock_recv_hand = saved_hand_;
         close(rx_);
@@ -132,47 +115,36 @@ class driver_feed {
 
     // Sends payload behind a 16-byte netlink header, as the driver does.
     void send_event(const bytes &payload) {
+        nlmsghdr hdr{static_cast<uint32_t>(NLMSG_HDRLEN + payload.size()), 27, 0, 0, 0};
         bytes msg(NLMSG_HDRLEN, 0);
-        nlmsghdr hdr{};
-        hdr.nlmsg_len = static_cast<uint32_t>(NLMSG_HDRLEN + payload.size());
-        hdr.nlmsg_type = 27;
         memcpy(msg.data(), &hdr, sizeof hdr);
         msg.insert(msg.end(), payload.begin(), payload.end());
         send_raw(msg);
     }
-    // Sends exactly these bytes, header or not.
+    // Sends exactly these bytes, header or not, to the receiving end.
     void send_raw(const bytes &datagram) {
         sockaddr_nl dest{};
-        dest.nl_family = AF_NETLINK;
-        dest.nl_pid = rx_port_;
-        sendto(tx_, datagram.data(), datagram.size(), 0, reinterpret_cast<sockaddr *>(&dest),
-               sizeof dest);
+        socklen_t len = sizeof dest;
+        getsockname(rx_, reinterpret_cast<sockaddr *>(&dest), &len);
+        sendto(tx_, datagram.data(), datagram.size(), 0, reinterpret_cast<sockaddr *>(&dest), len);
     }
 
   private:
-    static int open_bound(uint32_t *port) {
+    // A netlink socket bound to a port of the kernel's choosing, or -1.
+    static int open_bound() {
         int fd = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_USERSOCK);
-        if (fd < 0) {
-            return -1;
-        }
         sockaddr_nl addr{};
         addr.nl_family = AF_NETLINK;
-        socklen_t len = sizeof addr;
-        if (bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0 ||
-            getsockname(fd, reinterpret_cast<sockaddr *>(&addr), &len) != 0) {
+        if (fd >= 0 && bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0) {
             close(fd);
             return -1;
-        }
-        if (port != nullptr) {
-            *port = addr.nl_pid;
         }
         return fd;
     }
 
-    int rx_ = -1;
-    int tx_ = -1;
-    uint32_t rx_port_ = 0;
-    int saved_hand_ = 0;
+    int saved_hand_ = sock_recv_hand;
+    int rx_ = open_bound();
+    int tx_ = open_bound();
 };
 
 // Log lines written while `action` runs (debug logging on, copied to standard error).
@@ -184,9 +156,8 @@ std::string logged(Action &&action) {
     testing::internal::CaptureStderr();
     action();
     fflush(stderr);
-    std::string text = testing::internal::GetCapturedStderr();
     tarn_debug = saved_debug;
-    return text;
+    return testing::internal::GetCapturedStderr();
 }
 
 inline int count_of(const std::string &text, const std::string &what) {
@@ -205,12 +176,8 @@ struct entry_copy {
 
 inline entry_copy table_entry(const mac_addr &m) {
     std::lock_guard<std::mutex> guard(ngb_lock);
-    entry_copy copy;
-    if (const neighbor_ap *entry = neighbor_ap_find(m)) {
-        copy.found = true;
-        copy.ap = *entry;
-    }
-    return copy;
+    const neighbor_ap *entry = neighbor_ap_find(m);
+    return entry != nullptr ? entry_copy{true, *entry} : entry_copy{};
 }
 
 inline uint32_t table_count() {
@@ -223,21 +190,18 @@ template <typename Change>
 bool edit_entry(const mac_addr &m, Change &&change) {
     std::lock_guard<std::mutex> guard(ngb_lock);
     neighbor_ap *entry = neighbor_ap_find(m);
-    if (entry == nullptr) {
-        return false;
+    if (entry != nullptr) {
+        change(*entry);
     }
-    change(*entry);
-    return true;
+    return entry != nullptr;
 }
 
 // Inserts an entry as a driver event would create it.
 inline void add_entry(const mac_addr &m, uint32_t ip, uint32_t timestamp = 0) {
     std::lock_guard<std::mutex> guard(ngb_lock);
     std::unique_ptr<neighbor_ap> entry = neighbor_ap_new();
-    entry->mac = m;
-    entry->info.mac = m;
-    entry->ip = ip;
-    entry->info.ip = ip;
+    entry->mac = entry->info.mac = m;
+    entry->ip = entry->info.ip = ip;
     entry->age = NGB_AGE_FRESH;
     entry->info.radiocnt = 2;
     entry->timestamp = timestamp;
@@ -255,19 +219,11 @@ inline std::string timer_listing() {
 // Whether the timer with this id is pending for `period` seconds after a moment between the
 // clock's seconds `from` and now.
 inline bool pending_for(uint32_t id, int64_t period, int64_t from) {
-    std::string dump = timer_listing();
-    std::string key = "id=<" + std::to_string(static_cast<int>(id)) + ">, expire=<";
-    size_t at = dump.find(key);
-    int64_t expiry = at == std::string::npos ? -1 : std::stoll(dump.substr(at + key.size()));
+    const std::string key = "id=<" + std::to_string(static_cast<int>(id)) + ">, expire=<";
+    const std::string dump = timer_listing();
+    const size_t at = dump.find(key);
+    const int64_t expiry = at == std::string::npos ? -1 : std::stoll(dump.substr(at + key.size()));
     return expiry >= from + period && expiry <= timer_now().sec + period;
-}
-
-// Opens the IPv4 probe socket as start-up does (the caller closes it).
-inline int open_probe_socket() {
-    int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    int on = 1;
-    setsockopt(fd, SOL_SOCKET, SO_BROADCAST, &on, sizeof on);
-    return fd;
 }
 
 }  // namespace ntest

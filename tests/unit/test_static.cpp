@@ -1,11 +1,10 @@
 // The static neighbor store: its edit and file rules, the formatted file, the crash-safe save
-// and the update pass that probes or queries every node.
+// and the update pass that probes every node.
 #include <arpa/inet.h>
 #include <cjson/cJSON.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -18,6 +17,7 @@
 #include "core/settings.h"
 #include "neighbor/periodic_jobs.h"
 #include "neighbor_test_util.h"
+#include "probe_capture.h"
 #include "sandbox.h"
 #include "static/static_store.h"
 #include "static/static_update.h"
@@ -25,7 +25,6 @@
 
 namespace {
 
-using static_env::contains;
 using static_env::list_text;
 
 constexpr const char *M = "00:11:22:33:44:55";
@@ -34,8 +33,9 @@ std::string num(int value) {
     return std::to_string(value);
 }
 
-// The MACs of a static neighbor file's array, or the raw text when it is no such file.
-std::string file_macs(const std::string &text) {
+// The MACs in the static neighbor file, or its raw text when it is no such file.
+std::string file_now() {
+    std::string text = static_env::file_text();
     cJSON *root = cJSON_Parse(text.c_str());
     const cJSON *list = cJSON_GetObjectItemCaseSensitive(root, "static_neighbor");
     std::string macs = cJSON_IsArray(list) ? "[" : text;
@@ -45,12 +45,9 @@ std::string file_macs(const std::string &text) {
         macs += std::string(macs.size() > 1 ? " " : "") +
                 (cJSON_IsString(mac) ? mac->valuestring : "?");
     }
+    macs += cJSON_IsArray(list) ? "]" : "";
     cJSON_Delete(root);
-    return cJSON_IsArray(list) ? macs + "]" : macs;
-}
-
-std::string file_now() {
-    return file_macs(static_env::file_text());
+    return macs;
 }
 
 ap_info record(const std::string &mac, const char *ip) {
@@ -66,16 +63,11 @@ std::string mac_n(int n) {
     return text;
 }
 
-std::string head_mac() {
-    return static_env::mac_text(static_member_list.head->info.mac);
-}
-
-// One rule of the store: the steps report what they saw, and the log holds log_line.
+// One rule of the store: the steps report what they saw.
 struct store_case {
     const char *rule;
     void (*steps)(std::ostream &out);
     const char *seen;
-    const char *log_line;
 };
 
 class StaticStore : public testing::TestWithParam<store_case> {};
@@ -86,9 +78,7 @@ TEST_P(StaticStore, FollowsItsRule) {
     std::string seen = static_env::run([&c] {
         std::ostringstream out;
         c.steps(out);
-        std::string log = sandbox::log_text();
-        return contains(log, c.log_line) ? out.str()
-                                         : out.str() + " | log lacks " + c.log_line + ":\n" + log;
+        return out.str();
     });
     EXPECT_EQ(seen, c.seen) << c.rule;
 }
@@ -103,23 +93,7 @@ INSTANTIATE_TEST_SUITE_P(
                            << static_mac_add(M, "10.0.0.6", nullptr) << " " << list_text() << " "
                            << file_now();
                    },
-                   "000 00:11:22:33:44:55 10.0.0.6 fd00::7 4 [00:11:22:33:44:55]", ""},
-        store_case{"an unconvertible IPv6 text is reported and gives the zero address",
-                   [](std::ostream &out) {
-                       out << static_mac_add(M, "10.0.0.6", "fd00::7")
-                           << static_mac_add(M, nullptr, "bad::ip6::text") << " " << list_text();
-                   },
-                   "00 00:11:22:33:44:55 10.0.0.6 :: 4", "inet_pton"},
-        store_case{"add refuses a null MAC and overlong texts, takes 15 IPv4 characters",
-                   [](std::ostream &out) {
-                       out << static_mac_add("1:2:3:4:5:6:7", nullptr, nullptr)
-                           << static_mac_add(std::string(64, '1').c_str(), nullptr, nullptr)
-                           << static_mac_add(M, "192.168.100.2001", nullptr)
-                           << static_mac_add(nullptr, "10.0.0.1", nullptr) << " " << file_now()
-                           << " " << static_mac_add(M, "192.168.100.200", "") << " " << list_text();
-                   },
-                   "-1-1-1-1 (missing) 0 00:11:22:33:44:55 192.168.100.200 :: 4",
-                   "static_mac_add: IPv4 text refused (more than 15 characters)\n"},
+                   "000 00:11:22:33:44:55 10.0.0.6 fd00::7 4 [00:11:22:33:44:55]"},
         store_case{"add refuses a ninth node without writing but updates a known one",
                    [](std::ostream &out) {
                        for (int i = 1; i <= 8; ++i) {
@@ -131,9 +105,7 @@ INSTANTIATE_TEST_SUITE_P(
                            << static_mac_add(mac_n(1).c_str(), "10.0.0.1", nullptr) << " count "
                            << static_member_list.count;
                    },
-                   "00000000 -1 kept 0 count 8",
-                   "static_mac_add: static neighbor list is full (8 nodes), 00:00:00:00:00:09 "
-                   "not added\n"},
+                   "00000000 -1 kept 0 count 8"},
         store_case{"delete of an unknown MAC fails and leaves the file",
                    [](std::ostream &out) {
                        static_mac_add(M, nullptr, nullptr);
@@ -142,58 +114,21 @@ INSTANTIATE_TEST_SUITE_P(
                            << static_mac_del("1:2:3:4:5:6:7") << " " << file_now() << " "
                            << list_text();
                    },
-                   "-1-1-1 untouched 00:11:22:33:44:55 0.0.0.0 :: 4",
-                   "static_mac_del: Can not find member in static neighbor list!\n"},
-        store_case{"replace keeps a repeated MAC twice and one delete removes the newer",
+                   "-1-1-1 untouched 00:11:22:33:44:55 0.0.0.0 :: 4"},
+        store_case{"replace takes only the MAC and the addresses of a record, keeps a repeated "
+                   "MAC twice, and one delete removes the newer",
                    [](std::ostream &out) {
                        ap_info two[] = {record(M, "10.0.0.1"), record(M, "10.0.0.2")};
+                       inet_pton(AF_INET6, "fd00::7", two[0].ip6.data());
+                       two[0].radiocnt = 2;
+                       snprintf(two[0].name, sizeof two[0].name, "ap7");
                        out << static_mac_qv(two, 2) << " " << file_now() << " " << static_mac_del(M)
-                           << " " << list_text();
+                           << " " << list_text() << " "
+                           << int{static_member_list.head->info.radiocnt} << " ["
+                           << static_member_list.head->info.name << "]";
                    },
-                   "1 [00:11:22:33:44:55 00:11:22:33:44:55] 0 00:11:22:33:44:55 10.0.0.1 :: 4", ""},
-        store_case{"replace with no record empties the list and writes an empty array",
-                   [](std::ostream &out) {
-                       out << static_mac_add(M, nullptr, nullptr) << static_mac_qv(nullptr, 0)
-                           << " [" << list_text() << "] " << static_env::file_text();
-                   },
-                   "01 [] {\n\t\"static_neighbor\":\t[]\n}", ""},
-        store_case{"replace takes only the MAC and the addresses of a record",
-                   [](std::ostream &out) {
-                       ap_info full = record(M, "10.0.0.7");
-                       inet_pton(AF_INET6, "fd00::7", full.ip6.data());
-                       full.state = AP_STATE_ACTIVE;
-                       full.radiocnt = 2;
-                       full.cluster_id = 9;
-                       snprintf(full.name, sizeof full.name, "ap7");
-                       static_mac_qv(&full, 1);
-                       const ap_info &kept = static_member_list.head->info;
-                       out << int{kept.radiocnt} << kept.cluster_id << " [" << kept.name << "] "
-                           << list_text();
-                   },
-                   "00 [] 00:11:22:33:44:55 10.0.0.7 fd00::7 4", ""},
-        store_case{"replace keeps the first eight records",
-                   [](std::ostream &out) {
-                       std::vector<ap_info> records;
-                       for (int i = 1; i <= 10; ++i) {
-                           records.push_back(record(mac_n(i), "10.0.0.1"));
-                       }
-                       static_mac_qv(records.data(), 10);
-                       out << static_member_list.count << " " << head_mac();
-                   },
-                   "8 00:00:00:00:00:08",
-                   "static_mac_qv: 10 records given, only the first 8 are kept\n"},
-        store_case{"a load of more than eight entries keeps the first eight",
-                   [](std::ostream &out) {
-                       std::string file = R"({"static_neighbor": [)";
-                       for (int i = 1; i <= 10; ++i) {
-                           file += (i > 1 ? ", {\"mac\": \"" : "{\"mac\": \"") + mac_n(i) + "\"}";
-                       }
-                       static_env::write_conf(file + "]}");
-                       out << load_static_neighbor() << " cnt " << static_cnt << " count "
-                           << static_member_list.count << " " << head_mac();
-                   },
-                   "0 cnt 10 count 8 00:00:00:00:00:08",
-                   "dropped static neighbor [00:00:00:00:00:0a]\n"},
+                   "1 [00:11:22:33:44:55 00:11:22:33:44:55] 0 00:11:22:33:44:55 10.0.0.1 fd00::7 4 "
+                   "0 []"},
         store_case{"in cluster mode add and delete ask the configuration service to save",
                    [](std::ostream &out) {
                        static_mac_add(mac_n(1).c_str(), nullptr, nullptr);
@@ -208,54 +143,27 @@ INSTANTIATE_TEST_SUITE_P(
                        out << " cluster [" << static_env::calls("ubus") << "]";
                    },
                    "plain [] cluster [call userconfig_reload userconfig_save\n"
-                   "call userconfig_reload userconfig_save\n]",
-                   ""},
-        store_case{"in cluster mode the file holds no addresses, and loads so",
-                   [](std::ostream &out) {
-                       static_mac_add(M, "10.0.0.5", "fd00::5");
-                       static_env::set_cluster_mode(true);
-                       save_as_json();
-                       std::string file = static_env::file_text();
-                       load_static_neighbor();
-                       bool plain = contains(file, "\"0.0.0.0\"") && contains(file, "\"::\"");
-                       out << (plain ? "no addresses " : file) << list_text();
-                   },
-                   "no addresses 00:11:22:33:44:55 0.0.0.0 :: 4", ""},
-        store_case{"a new file's mode follows the creation mask; no temporary stays",
-                   [](std::ostream &out) {
-                       for (mode_t mask : {mode_t{0}, mode_t{022}}) {
-                           unlink(STATIC_NEIGHBOR_CONF_PATH);
-                           umask(mask);
-                           save_as_json();
-                           struct stat st {};
-                           stat(STATIC_NEIGHBOR_CONF_PATH, &st);
-                           out << std::oct << (st.st_mode & 0777) << " ";
-                       }
-                       bool tmp = sandbox::exists(std::string(STATIC_NEIGHBOR_CONF_PATH) + ".tmp");
-                       out << (tmp ? "tmp left" : "no tmp");
-                   },
-                   "666 644 no tmp", ""},
+                   "call userconfig_reload userconfig_save\n]"},
         store_case{"an unwritable file fails the save, keeps the old file and the edit",
                    [](std::ostream &out) {
                        static_mac_add(mac_n(1).c_str(), nullptr, nullptr);
                        mount(nullptr, "/var", nullptr, MS_REMOUNT | MS_RDONLY, nullptr);
                        out << static_mac_add(mac_n(2).c_str(), nullptr, nullptr) << " "
-                           << save_as_json() << " " << file_now() << " " << head_mac();
+                           << save_as_json() << " " << file_now() << " "
+                           << static_env::mac_text(static_member_list.head->info.mac);
                    },
-                   "0 -1 [00:00:00:00:00:01] 00:00:00:00:00:02",
-                   "Can not open the file /var/config/static_neighbor.conf\n"}));
+                   "0 -1 [00:00:00:00:00:01] 00:00:00:00:00:02"}));
 
 // Loading the file: each case starts from a list of one node, 02:00:00:00:00:99.
 struct load_case {
     const char *name;
     const char *file;  // nullptr: no file at all
     const char *seen;  // "<result> | <list>"
-    const char *log_line;
 };
 
 class LoadFile : public testing::TestWithParam<load_case> {};
 
-TEST_P(LoadFile, GivesResultListAndLog) {
+TEST_P(LoadFile, GivesResultAndList) {
     SKIP_UNLESS_ROOT();
     const load_case c = GetParam();
     std::string seen = static_env::run([&c] {
@@ -263,9 +171,8 @@ TEST_P(LoadFile, GivesResultListAndLog) {
         if (c.file != nullptr) {
             static_env::write_conf(c.file);
         }
-        std::string out = num(load_static_neighbor());
-        out += " | " + list_text();
-        return contains(sandbox::log_text(), c.log_line) ? out : out + " | log lacks the line";
+        std::string result = num(load_static_neighbor());
+        return result + " | " + list_text();
     });
     EXPECT_EQ(seen, c.seen) << c.name;
 }
@@ -273,37 +180,23 @@ TEST_P(LoadFile, GivesResultListAndLog) {
 INSTANTIATE_TEST_SUITE_P(
     Files, LoadFile,
     testing::Values(
-        load_case{"missing file", nullptr, "0 | 02:00:00:00:00:99 0.0.0.0 :: 4", ""},
-        load_case{"empty array", R"({"static_neighbor": []})", "-1 | ",
-                  "static neighbor is empty!!!\n"},
-        load_case{"empty file", "", "-1 | ", ""},
-        load_case{"not json", "static_neighbor", "-1 | ", "static neighbor is empty!!!\n"},
-        load_case{"member not an array", R"({"static_neighbor": {"mac": "aa:aa:aa:aa:aa:aa"}})",
-                  "-1 | ", ""},
-        load_case{"empty ip", R"({"static_neighbor": [{"mac": "00:11:22:33:44:55", "ip": ""}]})",
-                  "0 | 00:11:22:33:44:55 255.255.255.255 :: 4", ""},
-        load_case{"unconvertible ip6",
-                  R"({"static_neighbor": [{"mac": "00:11:22:33:44:55", "ip6": "fd00::zz"}]})",
-                  "0 | 00:11:22:33:44:55 0.0.0.0 :: 4", "inet_pton"},
+        load_case{"missing file", nullptr, "0 | 02:00:00:00:00:99 0.0.0.0 :: 4"},
+        load_case{"not json", "static_neighbor", "-1 | "},
         load_case{"members that are not strings count as absent",
                   R"({"static_neighbor": [{"mac": 12, "ip": true, "ip6": null}, 5]})",
-                  "0 | 00:00:00:00:00:00 0.0.0.0 :: 4; 00:00:00:00:00:00 0.0.0.0 :: 4", ""},
+                  "0 | 00:00:00:00:00:00 0.0.0.0 :: 4; 00:00:00:00:00:00 0.0.0.0 :: 4"},
         // Each MAC group gives its low 8 bits; a group that is no number gives 0, a missing
         // group leaves its byte at 0.
         load_case{"MAC groups read as hexadecimal",
                   R"({"static_neighbor": [{"mac": "123:1ff:zz:3"}]})",
-                  "0 | 23:ff:00:03:00:00 0.0.0.0 :: 4", ""},
+                  "0 | 23:ff:00:03:00:00 0.0.0.0 :: 4"},
         load_case{"seven MAC groups skipped",
                   R"({"static_neighbor": [{"mac": "1:2:3:4:5:6:7"}, {"mac": "0:0:0:0:0:2"}]})",
-                  "0 | 00:00:00:00:00:02 0.0.0.0 :: 4",
-                  "load_static_neighbor: static neighbor entry 0 skipped: MAC text has more than "
-                  "6 groups or 63 characters\n"},
+                  "0 | 00:00:00:00:00:02 0.0.0.0 :: 4"},
         load_case{"long ip skipped",
                   R"({"static_neighbor": [{"mac": "0:0:0:0:0:2", "ip": "192.168.100.2001"},)"
                   R"( {"mac": "0:0:0:0:0:3", "ip": "192.168.100.200"}]})",
-                  "0 | 00:00:00:00:00:03 192.168.100.200 :: 4",
-                  "load_static_neighbor: static neighbor entry 0 skipped: IPv4 text has more "
-                  "than 15 characters\n"}));
+                  "0 | 00:00:00:00:00:03 192.168.100.200 :: 4"}));
 
 TEST(StaticFile, LoadsReversedAndWritesTheFormattedTextInLowerCase) {
     SKIP_UNLESS_ROOT();
@@ -327,22 +220,6 @@ TEST(StaticFile, LoadsReversedAndWritesTheFormattedTextInLowerCase) {
               "\t\t}]\n}");
 }
 
-TEST(ReadWholeFile, RefusesWhatIsNoRegularFileOrTooLarge) {
-    SKIP_UNLESS_ROOT();
-    std::string seen = static_env::run([] {
-        sandbox::write_file("/tmp/text", "abc");
-        sandbox::write_file("/tmp/empty", "");
-        sandbox::write_file("/tmp/big", std::string(WHOLE_FILE_MAX + 1, ' '));
-        mkfifo("/tmp/fifo", 0644);
-        std::string out = read_whole_file("/tmp/text").get();
-        for (const char *path : {"/tmp/empty", "/tmp/none", "/tmp", "/tmp/fifo", "/tmp/big"}) {
-            out += read_whole_file(path) ? " text" : " null";
-        }
-        return out;
-    });
-    EXPECT_EQ(seen, "abc null null null null null");
-}
-
 void push_node(const std::string &mac, const char *ip, uint8_t state) {
     static_member *node = static_member_new();
     parse_mac_text(mac.c_str(), node->info.mac);
@@ -353,58 +230,27 @@ void push_node(const std::string &mac, const char *ip, uint8_t state) {
 }
 
 // The timer runs the pass at once and re-arms for 120 s. The pass marks every node offline and
-// reaches each, newest first: a static probe (mode 3) to its IPv4 address, or in cluster mode a
-// query to the cluster service instead.
-TEST(StaticUpdate, TimerMarksEveryNodeOfflineAndProbesOrQueriesIt) {
+// sends each, newest first, a static probe (mode 3) to its IPv4 address.
+TEST(StaticUpdate, TimerMarksEveryNodeOfflineAndProbesIt) {
     SKIP_UNLESS_ROOT();
-    std::string seen;
-    for (bool cluster : {false, true}) {
-        seen += static_env::run([cluster] {
-            probe_capture capture;
-            int dump = static_env::bind_local(STATIC_NEIGHBOR_DUMP_PATH);
-            static_env::set_cluster_mode(cluster);
-            push_node(mac_n(1), "127.0.0.1", AP_STATE_STATIC_ACTIVE);
-            push_node(mac_n(2), "127.0.0.2", AP_STATE_STATIC_OFFLINE);
-            int64_t from = timer_now().sec;
-            create_static_update_timer();
-            std::string out =
-                ntest::pending_for(static_update_id, 120, from) ? "120 s:" : "not armed:";
-            while (auto got = capture.next(200)) {
-                out += " probe " + got->dest + " m" +
-                       (got->bytes.size() == 60 ? num(got->bytes[19]) : "?");
-            }
-            uint8_t query[512];
-            for (ssize_t n; (n = recv(dump, query, sizeof query, 0)) > 0;) {
-                mac_addr mac;
-                memcpy(mac.data(), query, 6);
-                out += " query " + num(static_cast<int>(n)) + " " + static_env::mac_text(mac);
-            }
-            close(dump);
-            std::lock_guard<std::mutex> guard(stngbr_lock);
-            for (static_member *node = static_member_list.head; node != nullptr;
-                 node = node->next) {
-                out += " " + num(node->info.state);
-            }
-            return out + " | ";
-        });
-    }
-    EXPECT_EQ(seen,
-              "120 s: probe 127.0.0.2 m3 probe 127.0.0.1 m3 4 4 | "
-              "120 s: query 256 00:00:00:00:00:02 query 256 00:00:00:00:00:01 4 4 | ");
-}
-
-TEST(ClusterQuery, CarriesTheDescriptionAfterTheMacAndZerosBehind) {
-    ap_info node{};
-    node.mac = {1, 2, 3, 4, 5, 6};
-    snprintf(node.tenantId, sizeof node.tenantId, "tenant");
-    node.cluster_flag = 1;
-    cluster_query query = cluster_query_build(node);
-    EXPECT_EQ(0, memcmp(query.data(), node.mac.data(), 6));
-    EXPECT_EQ(0, memcmp(query.data() + 6, node.tenantId, sizeof node.tenantId));
-    EXPECT_EQ(query[6 + offsetof(ap_info, cluster_flag) - offsetof(ap_info, tenantId)], 1);
-    for (size_t i = 156; i < query.size(); ++i) {
-        ASSERT_EQ(query[i], 0) << i;
-    }
+    std::string seen = static_env::run([] {
+        probe_capture capture;
+        push_node(mac_n(1), "127.0.0.1", AP_STATE_STATIC_ACTIVE);
+        push_node(mac_n(2), "127.0.0.2", AP_STATE_STATIC_OFFLINE);
+        int64_t from = timer_now().sec;
+        create_static_update_timer();
+        std::string out = ntest::pending_for(static_update_id, 120, from) ? "120 s:" : "not armed:";
+        while (auto got = capture.next(200)) {
+            out += " probe " + got->dest + " m" +
+                   (got->bytes.size() == 60 ? num(got->bytes[19]) : "?");
+        }
+        std::lock_guard<std::mutex> guard(stngbr_lock);
+        for (static_member *node = static_member_list.head; node != nullptr; node = node->next) {
+            out += " " + num(node->info.state);
+        }
+        return out;
+    });
+    EXPECT_EQ(seen, "120 s: probe 127.0.0.2 m3 probe 127.0.0.1 m3 4 4");
 }
 
 // A process killed at any moment while it saves never leaves a torn or empty file: after each
@@ -445,7 +291,7 @@ TEST(StaticSaveCrash, EveryKillLeavesACompleteVersion) {
             save_as_json();
             versions[variant] = static_env::file_text();
         }
-        if (file_macs(versions[0]).rfind('[', 0) != 0 || versions[0] == versions[1]) {
+        if (versions[0] == versions[1]) {
             return std::string("versions not distinct");
         }
         std::mt19937 random(12345);
