@@ -119,14 +119,10 @@ class driver_feed {
         bytes msg(NLMSG_HDRLEN, 0);
         memcpy(msg.data(), &hdr, sizeof hdr);
         msg.insert(msg.end(), payload.begin(), payload.end());
-        send_raw(msg);
-    }
-    // Sends exactly these bytes, header or not, to the receiving end.
-    void send_raw(const bytes &datagram) {
         sockaddr_nl dest{};
         socklen_t len = sizeof dest;
         getsockname(rx_, reinterpret_cast<sockaddr *>(&dest), &len);
-        sendto(tx_, datagram.data(), datagram.size(), 0, reinterpret_cast<sockaddr *>(&dest), len);
+        sendto(tx_, msg.data(), msg.size(), 0, reinterpret_cast<sockaddr *>(&dest), len);
     }
 
   private:
@@ -146,19 +142,6 @@ class driver_feed {
     int rx_ = open_bound();
     int tx_ = open_bound();
 };
-
-// Log lines written while `action` runs (debug logging on, copied to standard error).
-template <typename Action>
-std::string logged(Action &&action) {
-    int saved_debug = tarn_debug;
-    tarn_debug = 1;
-    setenv("TARN_LOG_STDERR", "1", 1);
-    testing::internal::CaptureStderr();
-    action();
-    fflush(stderr);
-    tarn_debug = saved_debug;
-    return testing::internal::GetCapturedStderr();
-}
 
 inline int count_of(const std::string &text, const std::string &what) {
     int n = 0;
