@@ -9,7 +9,9 @@
 include(GNUInstallDirs)
 
 if(CMAKE_BUILD_TYPE MATCHES "^(Release|MinSizeRel)$")
-  set(TARN_SIZE_OPTIONS -Os -ffunction-sections -fdata-sections -fno-exceptions -fno-rtti)
+  # Nothing unwinds through the daemon's frames (no exceptions), so they need no unwind tables.
+  set(TARN_SIZE_OPTIONS -Os -ffunction-sections -fdata-sections -fno-exceptions -fno-rtti
+                        -fno-asynchronous-unwind-tables)
   target_compile_options(tarn_core PRIVATE ${TARN_SIZE_OPTIONS})
   target_compile_options(tarn PRIVATE ${TARN_SIZE_OPTIONS})
   # The receive path's decode runs for every datagram from the network: its few hundred bytes
