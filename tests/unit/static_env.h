@@ -93,8 +93,4 @@ inline int bind_local(const char *path) {
     return fd;
 }
 
-inline bool contains(const std::string &text, const std::string &part) {
-    return text.find(part) != std::string::npos;
-}
-
 }  // namespace static_env
