@@ -4,6 +4,7 @@
 // checks that every walk sees a consistent neighbor table and no reader a half-written self_ap.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <memory>
 #include <string>
@@ -67,8 +68,10 @@ void receive_side(driver_feed &feed, int nbcp_rx, int peer, const sockaddr_in &t
     }
 }
 
-// A walk of the table as a bus thread makes it: whether it saw a consistent table.
-bool consistent_walk() {
+// A walk of the table as a bus thread makes it: whether it saw a consistent table, within the
+// limit in force (read after the walk: it rises before the limit does and falls only once the
+// clear that follows a lowered limit is done).
+bool consistent_walk(const std::atomic<int> &limit_in_force) {
     std::lock_guard<std::mutex> guard(ngb_lock);
     uint32_t walked = 0;
     bool consistent = true;
@@ -77,7 +80,8 @@ bool consistent_walk() {
         consistent = consistent && e.list.next->prev == &e.list && neighbor_ap_find(e.mac) == &e &&
                      e.mac == e.info.mac && e.state == e.info.state;
     });
-    return consistent && walked == table_cnt && walked <= max_ngbr_num;
+    return consistent && walked == table_cnt &&
+           walked <= static_cast<uint32_t>(limit_in_force.load());
 }
 
 TEST(DiscoveryStress, ReceiveTimerAndBusThreadsShareTheTable) {
@@ -92,12 +96,16 @@ TEST(DiscoveryStress, ReceiveTimerAndBusThreadsShareTheTable) {
     getsockname(nbcp_rx, reinterpret_cast<sockaddr *>(&to), &len);
 
     std::atomic<bool> done{false};
-    std::thread timer([&done] {
+    std::atomic<int> limit_in_force{max_ngbr_num};
+    std::thread timer([&] {
         for (int run = 0; !done; ++run) {
             neighbor_aps_timer();
             if (run % 500 == 0) {
-                max_ngbr_num = run % 1000 == 0 ? 32 : MAX_NGBR_NUM_DEFAULT;
+                const int limit = run % 1000 == 0 ? 32 : MAX_NGBR_NUM_DEFAULT;
+                limit_in_force = std::max(limit_in_force.load(), limit);
+                max_ngbr_num = static_cast<uint8_t>(limit);
                 neighbor_aps_clear();  // a limit change empties the table
+                limit_in_force = limit;
             }
         }
     });
@@ -106,7 +114,7 @@ TEST(DiscoveryStress, ReceiveTimerAndBusThreadsShareTheTable) {
         sockaddr_in dest{AF_INET, 0, {ipv4("127.0.0.9")}, {}};
         while (!done) {
             send_ndsp(-1, reinterpret_cast<sockaddr *>(&dest), 0);
-            bad_walks += !consistent_walk();
+            bad_walks += !consistent_walk(limit_in_force);
         }
     });
     receive_side(feed, nbcp_rx, peer, to);
