@@ -62,6 +62,21 @@ enum list_code : uint16_t {
     LIST_ENTRY_END = 60,
 };
 
+// An element whose value has a fixed width: its reader takes that many bytes whatever the
+// element's length field says.
+struct nbcp_fixed {
+    uint16_t code;
+    uint16_t width;
+};
+
+// As the builders write it, the answer opens with these elements.
+constexpr nbcp_fixed NDSP_FIXED_HEAD[] = {
+    {NDSP_KIND_FLAG, 1},  {NDSP_MODE, 1},       {NDSP_IP, 4},         {NDSP_MAC, 6},
+    {NDSP_PVC_IP, 4},     {NDSP_CLUSTER_ID, 4}, {NDSP_PVC_MAC, 6},    {NDSP_CLUSTER_FLAG, 1},
+    {NDSP_INFO_IP, 4},    {NDSP_INFO_IP6, 16},  {NDSP_INFO_QV_IP, 4}, {NDSP_INFO_MAC, 6},
+    {NDSP_INFO_STATE, 1},
+};
+
 // The radio elements differ between the answer and the list only in their codes.
 struct nbcp_radio_codes {
     uint16_t radioid;
@@ -70,36 +85,11 @@ struct nbcp_radio_codes {
     uint16_t rssi;
     uint16_t bandwidth;
     uint16_t end;
-    // A radio as the builders write it: the five elements above in this order, each of length 1,
-    // then the end, 30 bytes in all. Read as big-endian words at IN_ORDER_AT, it shows want
-    // wherever mask is set: everywhere except in the value bytes.
-    static constexpr size_t IN_ORDER_LEN = 30;
-    static constexpr size_t IN_ORDER_AT[4] = {0, 8, 16, IN_ORDER_LEN - 8};
-    uint64_t want[4];
-    uint64_t mask[4];
 };
 
-constexpr nbcp_radio_codes nbcp_radio_codes_of(uint16_t radioid, uint16_t channel, uint16_t txpower,
-                                               uint16_t rssi, uint16_t bandwidth, uint16_t end) {
-    nbcp_radio_codes c{radioid, channel, txpower, rssi, bandwidth, end, {}, {}};
-    const uint16_t order[6] = {radioid, channel, txpower, rssi, bandwidth, end};
-    constexpr size_t FIELD = 5;  // type, length, one value byte
-    for (size_t w = 0; w < 4; ++w) {
-        for (size_t k = 0; k < 8; ++k) {
-            const size_t at = nbcp_radio_codes::IN_ORDER_AT[w] + k;
-            const size_t pos = at % FIELD;
-            const uint16_t code = order[at / FIELD];
-            const uint64_t byte = pos == 0 ? code >> 8 : pos == 1 ? code & 0xFF : pos == 3 ? 1 : 0;
-            c.want[w] |= byte << (56 - 8 * k);
-            c.mask[w] |= uint64_t{pos < 4 ? 0xFFu : 0u} << (56 - 8 * k);
-        }
-    }
-    return c;
-}
-
-constexpr nbcp_radio_codes NDSP_RADIO_CODES =
-    nbcp_radio_codes_of(NDSP_RADIO_ID, NDSP_RADIO_CHANNEL, NDSP_RADIO_TXPOWER, NDSP_RADIO_RSSI,
-                        NDSP_RADIO_BANDWIDTH, NDSP_RADIO_END);
-constexpr nbcp_radio_codes LIST_RADIO_CODES =
-    nbcp_radio_codes_of(LIST_RADIO_ID, LIST_RADIO_CHANNEL, LIST_RADIO_TXPOWER, LIST_RADIO_RSSI,
-                        LIST_RADIO_BANDWIDTH, LIST_RADIO_END);
+constexpr nbcp_radio_codes NDSP_RADIO_CODES = {NDSP_RADIO_ID,        NDSP_RADIO_CHANNEL,
+                                               NDSP_RADIO_TXPOWER,   NDSP_RADIO_RSSI,
+                                               NDSP_RADIO_BANDWIDTH, NDSP_RADIO_END};
+constexpr nbcp_radio_codes LIST_RADIO_CODES = {LIST_RADIO_ID,        LIST_RADIO_CHANNEL,
+                                               LIST_RADIO_TXPOWER,   LIST_RADIO_RSSI,
+                                               LIST_RADIO_BANDWIDTH, LIST_RADIO_END};

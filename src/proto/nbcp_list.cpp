@@ -86,7 +86,7 @@ bool read_entry_element(nbcp_decoder &d, uint16_t type, uint16_t len, ap_info &i
             return true;
         case LIST_RADIOCNT:
             info.radiocnt = nbcp_get_u8(d);
-            nbcp_read_radios(d, NBCP_LIST_WALK_LIMIT, info.radiocnt, info.radio, LIST_RADIO_CODES);
+            nbcp_read_radios<LIST_RADIO_CODES>(d, NBCP_LIST_WALK_LIMIT, info.radiocnt, info.radio);
             return true;
         default:
             return false;

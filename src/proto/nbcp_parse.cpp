@@ -100,16 +100,17 @@ void parse_ndsp(const uint8_t *datagram, size_t size, uint32_t limit, nbcp_msg &
                 // Stored as received even above four; the radios past the fourth are skipped
                 // by this walk as codes met outside a radio.
                 info.radiocnt = nbcp_get_u8(d);
-                nbcp_read_radios(d, limit, info.radiocnt, info.radio, NDSP_RADIO_CODES);
+                nbcp_read_radios<NDSP_RADIO_CODES>(d, limit, info.radiocnt, info.radio);
                 return true;
             default:
                 return false;
         }
     };
-    nbcp_walk_in_order<NDSP_KIND_FLAG, NDSP_MODE, NDSP_IP, NDSP_MAC, NDSP_PVC_IP, NDSP_CLUSTER_ID,
-                       NDSP_PVC_MAC, NDSP_CLUSTER_FLAG, NDSP_INFO_IP, NDSP_INFO_IP6,
-                       NDSP_INFO_QV_IP, NDSP_INFO_MAC, NDSP_INFO_STATE, NDSP_INFO_TENANT_ID,
-                       NDSP_INFO_VERSION, NDSP_INFO_NAME, NDSP_INFO_RADIOCNT>(d, limit, on_element);
+    // A body in another order than the builders' is read by the general walk from its first
+    // element on.
+    nbcp_fixed_run<NDSP_FIXED_HEAD>(d, limit, on_element);
+    nbcp_walk_in_order<NDSP_INFO_TENANT_ID, NDSP_INFO_VERSION, NDSP_INFO_NAME, NDSP_INFO_RADIOCNT>(
+        d, limit, on_element);
 }
 
 using nbcp_parser = void (*)(const uint8_t *data, size_t len, uint32_t limit, nbcp_msg &msg,
@@ -184,8 +185,8 @@ int nbcp_decode(const uint8_t *data, size_t len, nbcp_msg *msg, nbcp_touched *to
     const nbcp_dispatch &entry = NBCP_DISPATCH[datagram_type(data, len)];
     if (touched != nullptr) {
         // kind and the record's head as one range: the bytes between them are padding.
-        touched->mark(msg, offsetof(nbcp_msg, m) +
-                               (entry.parse != nullptr ? entry.head_size : sizeof(nbcp_hdr)));
+        touched->mark_head(offsetof(nbcp_msg, m) +
+                           (entry.parse != nullptr ? entry.head_size : sizeof(nbcp_hdr)));
     }
     if (entry.parse == nullptr) {
         return 0;

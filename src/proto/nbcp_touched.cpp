@@ -4,9 +4,9 @@
 #include <cstring>
 
 nbcp_touched::nbcp_touched(const nbcp_msg *msg)
-    : base_(reinterpret_cast<uintptr_t>(msg) / LINE * LINE) {}
+    : record_(msg), base_(reinterpret_cast<uintptr_t>(msg) / LINE * LINE) {}
 
-size_t nbcp_touched::clear(nbcp_msg *msg) {
+size_t nbcp_touched::clear_lines(nbcp_msg *msg) {
     const uintptr_t record_begin = reinterpret_cast<uintptr_t>(msg);
     const uintptr_t record_end = record_begin + sizeof(nbcp_msg);
     size_t blocks = 0;
@@ -34,8 +34,15 @@ size_t nbcp_touched::clear(nbcp_msg *msg) {
 }
 
 size_t nbcp_touched::lines() const {
+    std::array<uint64_t, WORDS> all = words_;
+    if (head_ != 0) {
+        const uintptr_t record_begin = reinterpret_cast<uintptr_t>(record_) - base_;
+        for (size_t line = record_begin / LINE; line <= (record_begin + head_ - 1) / LINE; ++line) {
+            all[line / 64] |= uint64_t{1} << (line % 64);
+        }
+    }
     size_t n = 0;
-    for (uint64_t w : words_) {
+    for (uint64_t w : all) {
         n += static_cast<size_t>(__builtin_popcountll(w));
     }
     return n;

@@ -1,12 +1,14 @@
-// The lines of a parse record that decoding wrote. The receive thread keeps one parse record for
-// its whole life and clears, before each decode, only the lines the previous decode wrote: the
-// record holds the largest kind (about 1.7 MiB), while most datagrams fill a few hundred bytes.
+// What decoding wrote into a parse record: the head every decode writes, as one length, and the
+// lines of the lists past it. The receive thread keeps one parse record for its whole life and
+// clears, before each decode, only what the previous decode wrote: the record holds the largest
+// kind (about 1.7 MiB), while most datagrams fill a few hundred bytes.
 #pragma once
 
 #include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #include "proto/nbcp_records.h"
 
@@ -18,6 +20,10 @@ class nbcp_touched {
 
     // Tracks writes into *msg, whose bytes must all be zero now.
     explicit nbcp_touched(const nbcp_msg *msg);
+
+    // Records that the record's first n bytes were written: kind and the head of the message
+    // the dispatch marks whole, so one length covers the part every decode writes.
+    void mark_head(size_t n) { head_ = std::max(head_, n); }
 
     // Records that the n bytes at p (inside the record) were written.
     void mark(const void *p, size_t n) {
@@ -37,19 +43,31 @@ class nbcp_touched {
         last_word_ = std::max(last_word_, last_word + 1);
     }
 
-    // Zeroes every line written since the last clear (only the part inside the record) and
-    // forgets them: afterwards the whole record reads as zero again. Returns how many aligned
-    // 4 KiB blocks held those lines, i.e. about how many pages the decode made resident.
-    size_t clear(nbcp_msg *msg);
+    // Zeroes the head and every line written since the last clear (only the part inside the
+    // record) and forgets them: afterwards the whole record reads as zero again. Returns how many
+    // 4 KiB blocks held those bytes, i.e. about how many pages the decode made resident.
+    size_t clear(nbcp_msg *msg) {
+        size_t blocks = 0;
+        if (head_ != 0) {
+            std::memset(static_cast<void *>(msg), 0, head_);
+            head_ = 0;
+            blocks = words_[0] == 0;  // the head lies in the first block; lines may share it
+        }
+        return first_word_ < last_word_ ? blocks + clear_lines(msg) : blocks;
+    }
 
-    // Lines currently recorded as written.
+    // Lines currently recorded as written, the head's included.
     size_t lines() const;
 
   private:
+    size_t clear_lines(nbcp_msg *msg);
+
     static constexpr size_t LINES = sizeof(nbcp_msg) / LINE + 2;
     static constexpr size_t WORDS = (LINES + 63) / 64;
 
+    const nbcp_msg *record_;
     uintptr_t base_;
+    size_t head_ = 0;
     std::array<uint64_t, WORDS> words_{};
     size_t first_word_ = WORDS;
     size_t last_word_ = 0;

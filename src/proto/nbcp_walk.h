@@ -3,8 +3,12 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
+#include <cassert>
 #include <cstdint>
 #include <cstring>
+#include <iterator>
+#include <utility>
 
 #include "neighbor/ap_info.h"
 #include "proto/nbcp_codes.h"
@@ -31,7 +35,7 @@ inline void nbcp_walk(nbcp_decoder &d, uint32_t limit, OnElement &&on_element) {
 // Takes the next element only when its type is Code: exactly one step of nbcp_walk, done with a
 // direct compare instead of the dispatch on the type.
 template <uint16_t Code, typename OnElement>
-inline bool nbcp_walk_expect(nbcp_decoder &d, uint32_t limit, OnElement &on_element) {
+NBCP_INLINE bool nbcp_walk_expect(nbcp_decoder &d, uint32_t limit, OnElement &on_element) {
     static_assert(Code != 0, "a zero type ends the walk");
     if (d.consumed >= limit || !nbcp_fits(d, NBCP_TL_LEN)) {
         return false;
@@ -52,10 +56,51 @@ inline bool nbcp_walk_expect(nbcp_decoder &d, uint32_t limit, OnElement &on_elem
 // builders write): elements are matched against Codes while they keep that order, and the
 // general walk takes over from the first element that does not. Each matched element is handled
 // exactly as the general walk would handle it, so the result does not depend on the order.
+// A body that ends right after them needs no general walk at all.
 template <uint16_t... Codes, typename OnElement>
-inline void nbcp_walk_in_order(nbcp_decoder &d, uint32_t limit, OnElement &&on_element) {
-    static_cast<void>((nbcp_walk_expect<Codes>(d, limit, on_element) && ...));
+NBCP_INLINE void nbcp_walk_in_order(nbcp_decoder &d, uint32_t limit, OnElement &&on_element) {
+    if ((nbcp_walk_expect<Codes>(d, limit, on_element) && ...) &&
+        (d.consumed >= limit || nbcp_peek_be16(d, 0) == 0)) {
+        return;
+    }
     nbcp_walk(d, limit, on_element);
+}
+
+template <const auto &Run, size_t... I, typename OnElement>
+NBCP_INLINE bool nbcp_fixed_run_at(nbcp_decoder &d, uint32_t limit, OnElement &on_element,
+                                   std::index_sequence<I...>) {
+    constexpr size_t N = sizeof...(I);
+    constexpr std::array<size_t, N + 1> at = [] {
+        std::array<size_t, N + 1> a{};
+        for (size_t i = 0; i < N; ++i) {
+            a[i + 1] = a[i] + NBCP_TL_LEN + Run[i].width;
+        }
+        return a;
+    }();
+    if (d.consumed + at[N - 1] >= limit || !nbcp_fits(d, at[N])) {
+        return false;
+    }
+    const uint8_t *p = d.data + d.consumed;
+    if (((nbcp_be16(p + at[I]) ^ Run[I].code) | ...) != 0) {
+        return false;
+    }
+    // The handlers read through a cursor over the run alone, whose bounds are constants, so
+    // that the compiler decides every bounds check of theirs.
+    const nbcp_decoder outer = d;
+    d = nbcp_decoder{p, at[N], 0};
+    (..., (nbcp_advance(d, NBCP_TL_LEN), on_element(Run[I].code, nbcp_be16(p + at[I] + 2))));
+    assert(d.consumed == at[N] && "a handler took other than its element's width");
+    d = nbcp_decoder{outer.data, outer.len, static_cast<uint32_t>(outer.consumed + at[N])};
+    return true;
+}
+
+// Takes the elements of Run (an array of nbcp_fixed) whole when every one lies where the
+// builders put it: one check of the room and the limit, then each element handled exactly as
+// nbcp_walk would handle it. Returns false, having consumed nothing, otherwise. on_element must
+// read only the value of the element it is given, exactly its width.
+template <const auto &Run, typename OnElement>
+NBCP_INLINE bool nbcp_fixed_run(nbcp_decoder &d, uint32_t limit, OnElement &on_element) {
+    return nbcp_fixed_run_at<Run>(d, limit, on_element, std::make_index_sequence<std::size(Run)>{});
 }
 
 // Reads the items of a list whose count element was just read: at most max_items of them, each
@@ -88,58 +133,54 @@ inline void nbcp_walk_items(nbcp_decoder &d, uint32_t limit, uint32_t count, uin
     }
 }
 
-// Takes a radio whole when the next 30 bytes are one as the builders write it (see
-// nbcp_radio_codes); the result is the one the item walk gives for the same bytes.
-inline bool nbcp_radio_in_order(nbcp_decoder &d, uint32_t limit, radio_info &r,
-                                const nbcp_radio_codes &codes) {
-    constexpr size_t FIELD = NBCP_TL_LEN + 1;
-    constexpr size_t RADIO = nbcp_radio_codes::IN_ORDER_LEN;
-    if (d.consumed + RADIO > limit || !nbcp_fits(d, RADIO)) {
+// Stores the value of a radio element whose type is one of Codes' five fields.
+template <const nbcp_radio_codes &Codes>
+NBCP_INLINE bool nbcp_radio_field(nbcp_decoder &d, uint16_t type, radio_info &r) {
+    if (type == Codes.radioid) {
+        r.radioid = nbcp_get_u8(d);
+    } else if (type == Codes.channel) {
+        r.channel = nbcp_get_u8(d);
+    } else if (type == Codes.txpower) {
+        r.txpower = nbcp_get_u8(d);
+    } else if (type == Codes.rssi) {
+        r.rssi = nbcp_get_u8(d);
+    } else if (type == Codes.bandwidth) {
+        r.bandwidth = nbcp_get_u8(d);
+    } else {
         return false;
     }
-    const uint8_t *p = d.data + d.consumed;
-    uint64_t mismatch = 0;
-    for (size_t w = 0; w < 4; ++w) {
-        const uint8_t *word = p + nbcp_radio_codes::IN_ORDER_AT[w];
-        uint64_t have = uint64_t{nbcp_be32(word)} << 32 | nbcp_be32(word + 4);
-        mismatch |= (have ^ codes.want[w]) & codes.mask[w];
-    }
-    if (mismatch != 0) {
-        return false;
-    }
-    r = radio_info{p[NBCP_TL_LEN], p[FIELD + NBCP_TL_LEN], p[2 * FIELD + NBCP_TL_LEN],
-                   p[3 * FIELD + NBCP_TL_LEN], p[4 * FIELD + NBCP_TL_LEN]};
-    nbcp_advance(d, RADIO);
     return true;
 }
 
-// Reads min(count, AP_RADIO_MAX) radios after a radio-count element; radios beyond the fourth
-// are left to the enclosing walk, which skips their elements.
-inline void nbcp_read_radios(nbcp_decoder &d, uint32_t limit, uint8_t count, radio_info *radios,
-                             const nbcp_radio_codes &codes) {
+// Takes a radio whole when its five fields and its end come in the builders' order; the result
+// is the one the item walk gives for the same bytes.
+template <const nbcp_radio_codes &Codes>
+NBCP_INLINE bool nbcp_radio_in_order(nbcp_decoder &d, uint32_t limit, radio_info &r) {
+    auto on_element = [&](uint16_t type, uint16_t) __attribute__((always_inline)) {
+        if (!nbcp_radio_field<Codes>(d, type, r)) {
+            nbcp_get_u8(d);  // the end's one value byte
+        }
+    };
+    static constexpr nbcp_fixed RADIO[] = {{Codes.radioid, 1},   {Codes.channel, 1},
+                                           {Codes.txpower, 1},   {Codes.rssi, 1},
+                                           {Codes.bandwidth, 1}, {Codes.end, 1}};
+    return nbcp_fixed_run<RADIO>(d, limit, on_element);
+}
+
+// Reads min(count, AP_RADIO_MAX) radios after a radio-count element and returns the cursor past
+// them; radios beyond the fourth are left to the enclosing walk, which skips their elements.
+// The cursor goes in and out by value: one whose address never escapes stays in registers.
+template <const nbcp_radio_codes &Codes>
+void nbcp_read_radios(nbcp_decoder &d, uint32_t limit, uint8_t count, radio_info *radios) {
     uint32_t taken = 0;
     while (taken < std::min<uint32_t>(count, AP_RADIO_MAX) &&
-           nbcp_radio_in_order(d, limit, radios[taken], codes)) {
+           nbcp_radio_in_order<Codes>(d, limit, radios[taken])) {
         ++taken;
     }
     radios += taken;
     count = static_cast<uint8_t>(count - taken);
-    nbcp_walk_items(d, limit, count, AP_RADIO_MAX - taken, codes.end,
+    nbcp_walk_items(d, limit, count, AP_RADIO_MAX - taken, Codes.end,
                     [&](uint32_t i, uint16_t type, uint16_t) {
-                        radio_info &r = radios[i];
-                        if (type == codes.radioid) {
-                            r.radioid = nbcp_get_u8(d);
-                        } else if (type == codes.channel) {
-                            r.channel = nbcp_get_u8(d);
-                        } else if (type == codes.txpower) {
-                            r.txpower = nbcp_get_u8(d);
-                        } else if (type == codes.rssi) {
-                            r.rssi = nbcp_get_u8(d);
-                        } else if (type == codes.bandwidth) {
-                            r.bandwidth = nbcp_get_u8(d);
-                        } else {
-                            return false;
-                        }
-                        return true;
+                        return nbcp_radio_field<Codes>(d, type, radios[i]);
                     });
 }

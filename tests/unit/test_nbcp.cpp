@@ -12,6 +12,8 @@
 
 #include "core/local_msg.h"
 #include "proto/nbcp.h"
+#include "proto/nbcp_codes.h"
+#include "proto/nbcp_wire.h"
 
 namespace {
 
@@ -129,6 +131,13 @@ TEST(NbcpBuild, Answer) {
                "00 9A 00 01 74  00 8D 00 03 31 2E 32  00 8E 00 02 61 70  00 8F 00 01 01"
                "00 91 00 01 00  00 92 00 01 24  00 93 00 01 14  00 94 00 01 28"
                "00 9B 00 01 50  00 90 00 01 00  00 00");
+    // The decoder takes the answer's head in one piece only where it lies as the table says.
+    size_t at = NBCP_HDR_LEN;
+    for (const nbcp_fixed &element : NDSP_FIXED_HEAD) {
+        EXPECT_EQ(out.b[at] << 8 | out.b[at + 1], element.code) << "at byte " << at;
+        EXPECT_EQ(out.b[at + 2] << 8 | out.b[at + 3], element.width) << "at byte " << at;
+        at += NBCP_TL_LEN + element.width;
+    }
 }
 
 TEST(NbcpBuild, NeighborList) {
