@@ -4,6 +4,7 @@
 #include <array>
 #include <cstddef>
 #include <cstring>
+#include <utility>
 
 #include "proto/nbcp_walk.h"
 
@@ -310,17 +311,6 @@ constexpr field_desc T16_FIXED[] = {
 #undef AT
 #undef CAPACITY
 
-struct kind_desc {
-    fields_ref tlv;
-    fields_ref fixed;
-};
-
-constexpr kind_desc KINDS[NBCP_KIND_MAX] = {
-    {fields(K1_TLV), fields(K1_FIXED)}, {fields(K2_TLV), fields(K2_FIXED)},
-    {fields(K3_TLV), fields(K3_FIXED)}, {fields(K4_TLV), fields(K4_FIXED)},
-    {fields(K5_TLV), fields(K5_FIXED)}, {fields(K6_TLV), fields(K6_FIXED)},
-};
-
 void mark_item(nbcp_touched *touched, const list_desc &list, uint8_t *item) {
     if (touched != nullptr) {
         touched->mark(item, list.marked);
@@ -338,7 +328,7 @@ uint32_t stored_count(const uint8_t *base, uint32_t offset, size_t size) {
 
 // Reads the value of f at the cursor into at. len is the element's length, which only the TLV
 // strings use: the other forms take their own width whatever the length says.
-void read_value(nbcp_decoder &d, const field_desc &f, uint8_t *at, uint16_t len) {
+NBCP_INLINE void read_value(nbcp_decoder &d, const field_desc &f, uint8_t *at, uint16_t len) {
     switch (f.how) {
         case form::u8:
             *at = nbcp_get_u8(d);
@@ -410,30 +400,78 @@ void read_element(tlv_walk &w, const field_desc &f, uint8_t *base, uint16_t len)
     }
 }
 
-void read_fixed(nbcp_decoder &d, fields_ref layout, uint8_t *base, nbcp_touched *touched);
+// The fixed layouts are read by code generated from their tables: every field's form and offset
+// is a constant, so an item of a long list (a crafted datagram holds 255 of them) is read by
+// straight-line code instead of a loop that looks up each field. The readers take the cursor by
+// value and return how far it got: a cursor whose address never escapes stays in registers,
+// where the record's byte stores cannot alias it.
+template <const auto &Table>
+struct table_layout {
+    static constexpr fields_ref get() { return fields(Table); }
+};
 
-void read_fixed_list(nbcp_decoder &d, const list_desc &list, uint8_t *base, uint32_t count,
-                     nbcp_touched *touched) {
-    const bool marked = list.when != mark::never;
-    uint32_t n = std::min(count, list.max);
+template <const list_desc &List>
+struct item_layout {
+    static constexpr fields_ref get() { return List.item; }
+};
+
+template <const list_desc &List>
+uint32_t read_fixed_list(nbcp_decoder d, uint8_t *base, uint32_t count, nbcp_touched *touched);
+
+template <typename Layout, size_t I>
+NBCP_INLINE void read_fixed_field(nbcp_decoder &d, uint8_t *base, nbcp_touched *touched) {
+    constexpr field_desc f = Layout::get().first[I];
+    if constexpr (f.how == form::list) {
+        const uint32_t count = stored_count(base, f.offset, f.size);
+        d.consumed = read_fixed_list<*f.list>(d, base, count, touched);
+    } else {
+        read_value(d, f, base + f.offset, 0);
+    }
+}
+
+template <typename Layout, size_t... I>
+uint32_t read_fixed_fields(nbcp_decoder d, uint8_t *base, nbcp_touched *touched,
+                           std::index_sequence<I...>) {
+    (read_fixed_field<Layout, I>(d, base, touched), ...);
+    return d.consumed;
+}
+
+template <typename Layout>
+uint32_t read_fixed(nbcp_decoder d, uint8_t *base, nbcp_touched *touched) {
+    constexpr size_t count = Layout::get().count;
+    return read_fixed_fields<Layout>(d, base, touched, std::make_index_sequence<count>{});
+}
+
+template <const list_desc &List>
+uint32_t read_fixed_list(nbcp_decoder d, uint8_t *base, uint32_t count, nbcp_touched *touched) {
+    constexpr bool marked = List.when != mark::never;
+    const uint32_t n = std::min(count, List.max);
     for (uint32_t i = 0; i < n && !(marked && nbcp_exhausted(d)); ++i) {
-        uint8_t *item = base + list.items + i * list.stride;
-        if (marked) {
-            mark_item(touched, list, item);
+        uint8_t *item = base + List.items + i * List.stride;
+        if constexpr (marked) {
+            mark_item(touched, List, item);
         }
-        read_fixed(d, list.item, item, touched);
+        d.consumed = read_fixed<item_layout<List>>(d, item, touched);
     }
+    return d.consumed;
 }
 
-void read_fixed(nbcp_decoder &d, fields_ref layout, uint8_t *base, nbcp_touched *touched) {
-    for (const field_desc *f = layout.first; f != layout.first + layout.count; ++f) {
-        if (f->how == form::list) {
-            read_fixed_list(d, *f->list, base, stored_count(base, f->offset, f->size), touched);
-        } else {
-            read_value(d, *f, base + f->offset, 0);
-        }
-    }
-}
+// Reads a whole record in its fixed layout.
+using fixed_reader = uint32_t (*)(nbcp_decoder d, uint8_t *base, nbcp_touched *touched);
+
+template <const auto &Table>
+constexpr fixed_reader fixed = read_fixed<table_layout<Table>>;
+
+struct kind_desc {
+    fields_ref tlv;
+    fixed_reader fixed;
+};
+
+constexpr kind_desc KINDS[NBCP_KIND_MAX] = {
+    {fields(K1_TLV), fixed<K1_FIXED>}, {fields(K2_TLV), fixed<K2_FIXED>},
+    {fields(K3_TLV), fixed<K3_FIXED>}, {fields(K4_TLV), fixed<K4_FIXED>},
+    {fields(K5_TLV), fixed<K5_FIXED>}, {fields(K6_TLV), fixed<K6_FIXED>},
+};
 
 uint8_t *record_bytes(nbcp_msg &msg) {
     return reinterpret_cast<uint8_t *>(&msg.m);
@@ -465,16 +503,15 @@ void nbcp_parse_kind_tlv(const uint8_t *datagram, size_t size, uint32_t limit, n
 
 void nbcp_parse_kind_fixed(const uint8_t *datagram, size_t size, uint32_t, nbcp_msg &msg,
                            nbcp_touched *touched) {
-    fields_ref layout;
+    fixed_reader read;
     if (msg.kind == NBCP_TYPE_16) {
-        layout = fields(T16_FIXED);
+        read = fixed<T16_FIXED>;
     } else if (is_kind(msg.kind)) {
-        layout = KINDS[msg.kind - NBCP_KIND_MIN].fixed;
+        read = KINDS[msg.kind - NBCP_KIND_MIN].fixed;
     } else {
         return;
     }
-    nbcp_decoder d = nbcp_body(datagram, size);
-    read_fixed(d, layout, record_bytes(msg), touched);
+    read(nbcp_body(datagram, size), record_bytes(msg), touched);
 }
 
 void nbcp_parse_type15(const uint8_t *datagram, size_t size, uint32_t, nbcp_msg &msg,
