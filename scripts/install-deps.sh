@@ -10,6 +10,14 @@ PACKAGES=(
     iproute2 util-linux procps
     graphviz
     man-db file binutils
+    # the AP's shell for the service script's tests
+    busybox-static
+    # coverage figures of src/
+    gcovr
+    # monitoring tests: the lab runs its own Prometheus and exporters in namespaces
+    prometheus prometheus-node-exporter
+    # the neighbor page, tested in a real browser (and its JSON read by Node too)
+    chromium chromium-driver python3-selenium nodejs
     # AArch64: Debian's cross compiler, qemu-user and the arm64 libraries through multiarch
     g++-aarch64-linux-gnu qemu-user
     libc6:arm64 libstdc++6:arm64 libjson-c-dev:arm64 libcjson-dev:arm64 libgtest-dev:arm64
@@ -39,3 +47,11 @@ if ! $SUDO apt-get install -y --no-install-recommends "${missing[@]}"; then
     $SUDO apt-get update
     $SUDO apt-get install -y --no-install-recommends "${missing[@]}"
 fi
+# Debian starts a Prometheus server and a node exporter as system services on install; the lab
+# runs its own inside namespaces, so the system's copies are stopped and kept from starting.
+for service in prometheus prometheus-node-exporter; do
+    if [[ " ${missing[*]} " == *" $service "* ]] && command -v systemctl >/dev/null &&
+        [ -d /run/systemd/system ]; then
+        $SUDO systemctl disable --now "$service" >/dev/null 2>&1 || true
+    fi
+done
