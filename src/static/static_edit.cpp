@@ -10,6 +10,7 @@
 #include "static/static_store.h"
 #include "static/static_update.h"
 #include "sysinfo/sysinfo.h"
+#include "util/ipv4_text.h"
 #include "util/log.h"
 
 namespace {
@@ -47,7 +48,7 @@ ip6_addr add_ip6_of(const char *ip6) {
 int add_locked(const mac_addr &mac, const char *ip, const char *ip6, const ip6_addr &ip6_value) {
     if (static_member *node = static_member_find(mac)) {
         if (ip != nullptr) {
-            node->info.ip = inet_addr(ip);
+            node->info.ip = ipv4_from_text(ip);
         }
         if (ip6 != nullptr) {
             node->info.ip6 = ip6_value;
@@ -68,7 +69,7 @@ int add_locked(const mac_addr &mac, const char *ip, const char *ip6, const ip6_a
     }
     node->info.mac = mac;
     if (ip != nullptr) {
-        node->info.ip = inet_addr(ip);
+        node->info.ip = ipv4_from_text(ip);
     }
     if (ip6 != nullptr) {
         node->info.ip6 = ip6_value;

@@ -14,6 +14,7 @@
 #include "static/file_replace.h"
 #include "static/static_store.h"
 #include "sysinfo/sysinfo.h"
+#include "util/ipv4_text.h"
 #include "util/log.h"
 #include "util/paths.h"
 
@@ -58,7 +59,7 @@ void read_entry(const cJSON *entry, ap_info &info) {
         parse_mac_text(mac, info.mac);
     }
     if (const char *ip = string_member(entry, "ip")) {
-        info.ip = inet_addr(ip);  // a text that does not convert gives 255.255.255.255
+        info.ip = ipv4_from_text(ip);  // a text that does not convert gives 255.255.255.255
     }
     if (const char *ip6 = string_member(entry, "ip6")) {
         if (inet_pton(AF_INET6, ip6, info.ip6.data()) != 1) {

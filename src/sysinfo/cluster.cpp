@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "sysinfo/sysinfo.h"
+#include "util/ipv4_text.h"
 #include "util/log.h"
 #include "util/run_cmd.h"
 
@@ -76,7 +77,7 @@ void get_cluster_info() {
 
     mac_addr pvc_mac{};
     parse_mac_dash(pvc_mac_text, pvc_mac);
-    uint32_t pvc_ip = ntohl(inet_addr(pvc_ip_text));
+    uint32_t pvc_ip = ntohl(ipv4_from_text(pvc_ip_text));
     self_ap_store_cluster(static_cast<uint32_t>(cluster_id), pvc_ip, pvc_mac);
     TARN_DBG("cluster id:%d,pvc ip:%x\n", cluster_id, pvc_ip);
 }

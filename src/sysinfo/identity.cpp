@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include "sysinfo/sysinfo.h"
+#include "util/ipv4_text.h"
 #include "util/log.h"
 #include "util/run_cmd.h"
 
@@ -17,7 +18,7 @@ void Get_QV_ipaddr() {
     run_cmd("getqvinfo", output, sizeof output);
     const char *text = trim(output);
     // 255.255.255.255 doubles as the conversion's failure value, so it is never taken.
-    in_addr_t addr = inet_addr(text);
+    in_addr_t addr = ipv4_from_text(text);
     if (addr != INADDR_NONE) {
         self_ap_store_qv_ip(ntohl(addr));
     }

@@ -9,6 +9,7 @@
 #include "neighbor/ap_info.h"
 #include "static/static_store.h"
 #include "ubus/methods.h"
+#include "util/ipv4_text.h"
 #include "util/log.h"
 
 const arg_policy static_qv_policy[STATIC_QV_ARG_COUNT] = {{"neighbor_list", arg_type::array}};
@@ -80,7 +81,7 @@ void fill_qv_record(json_object *element, ap_info &record) {
 
     parse_mac_text(mac, record.mac);
     // An absent or empty address converts to 255.255.255.255, which the list has always kept.
-    record.ip = inet_addr(ip);
+    record.ip = ipv4_from_text(ip);
     if (ip6[0] != '\0') {
         TARN_DBG("Get the ip6 is [%s]\n", ip6);
         if (inet_pton(AF_INET6, ip6, record.ip6.data()) != 1) {
