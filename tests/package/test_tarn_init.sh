@@ -1,106 +1,213 @@
 #!/bin/sh
-# The procd service script, run with stand-ins of the OpenWrt shell helpers it calls (UCI's
-# config_load/config_get/config_get_bool, procd's instance calls): the command line and the
-# instance parameters it gives procd for each set of options, and the directories it prepares
-# (as root, in a private mount namespace with a fresh /tmp and /var).
+# The procd service script in the AP's shell: run as `busybox ash tests/package/test_tarn_init.sh`
+# (as root). Every command the script runs is a busybox applet (busybox's ash runs its own
+# applets before any program on PATH, and PATH holds nothing else); OpenWrt's rc.common,
+# functions.sh and procd.sh are the stand-ins beside this file; a `logger` function records the
+# system log.
+# Checked: the instance procd is given for each set of options (the package's own
+# /etc/config/tarn first), the options left out with their log line, start, stop, restart,
+# enable and disable, and what becomes of whatever lies at /tmp/socket.
+#
+# It runs in a private mount namespace with fresh tmpfs on /mnt (its own files), /tmp and /var.
 set -eu
 
 here=$(cd "$(dirname "$0")" && pwd)
-init_text=$(cat "$here/../../openwrt/tarn/files/tarn.init")
+if [ "${1-}" != --inside ]; then
+	if [ "$(id -u)" -ne 0 ]; then
+		echo "test_tarn_init: needs root (a private mount namespace)" >&2
+		exit 1
+	fi
+	exec unshare --mount --propagation private busybox ash "$here/test_tarn_init.sh" --inside
+fi
 
-# UCI: options of section "config" are given as name=value words.
-config_load() { loaded=$1; }
-config_get() {
-	eval "$1=\${opt_$3-\${4-}}"
-}
-config_get_bool() {
-	local value
-	eval "value=\${opt_$3-}"
-	case "$value" in
-	1 | on | true | yes | enabled) value=1 ;;
-	0 | off | false | no | disabled) value=0 ;;
-	*) value=$4 ;;
-	esac
-	eval "$1=\$value"
-}
-# procd: the instance's command line and its other parameters, in the order given.
-procd_open_instance() { command_line=; params=; }
-procd_set_param() {
-	local name=$1
-	shift
-	if [ "$name" = command ]; then command_line="$*"; else params="$params $name=$*"; fi
-}
-procd_append_param() {
-	shift
-	command_line="$command_line $*"
-}
-procd_close_instance() { :; }
-procd_add_reload_trigger() { params="$params reload_trigger=$*"; }
+work=/mnt
+mount -t tmpfs tmpfs "$work"
+mkdir -p "$work/lib" "$work/bin" "$work/procd" "$work/root/etc/init.d" \
+	"$work/root/etc/config"
+cp "$here/rc.common" "$here/functions.sh" "$here/procd.sh" "$work/lib/"
+cp "$here/../../openwrt/tarn/files/tarn.init" "$work/root/etc/init.d/tarn"
+chmod 0755 "$work/root/etc/init.d/tarn"
+cp "$here/../../openwrt/tarn/files/tarn.config" "$work/package.config"
+busybox --install -s "$work/bin"
+mount -t tmpfs tmpfs /tmp
+mount -t tmpfs tmpfs /var
 
-# Runs start_service (and service_triggers, when defined) with the given options.
-start_with() {
-	for option in "$@"; do
-		eval "opt_${option%%=*}=\${option#*=}"
+export PATH="$work/bin" UCI_CONFIG_DIR="$work/root/etc/config" \
+	IPKG_INSTROOT="$work/root" PROCD_STATE_DIR="$work/procd" SYSLOG="$work/syslog"
+config="$UCI_CONFIG_DIR/tarn"
+
+# /etc/init.d/tarn ACTION, as the kernel runs it: sh /etc/rc.common /etc/init.d/tarn ACTION.
+# The system log: "logger -t TAG MESSAGE" appends "TAG: MESSAGE" to $SYSLOG.
+service() {
+	busybox ash -c '
+		logger() {
+			local tag=""
+			if [ "$1" = -t ]; then tag=$2 && shift 2; fi
+			echo "$tag: $*" >>"$SYSLOG"
+		}
+		. "$0"' "$work/lib/rc.common" "$IPKG_INSTROOT/etc/init.d/tarn" "$@"
+}
+
+# The instance procd holds: "command line | parameters", or "" when none.
+instance() { cat "$PROCD_STATE_DIR/tarn" 2>/dev/null || true; }
+
+# Option names named in the log since the last reset, in order.
+logged_options() {
+	sed -n "s/^tarn: option \([a-z_]*\) '.*' is not .*: left out, the default applies$/\1/p" \
+		"$SYSLOG" 2>/dev/null | tr '\n' ' ' | sed 's/ $//'
+}
+
+reset() {
+	rm -f "$SYSLOG" "$PROCD_STATE_DIR"/*
+}
+
+# Writes section "config" with the given option statements, separated by ';'.
+write_config() {
+	local IFS=';' statement
+	echo "config tarn 'config'" >"$config"
+	for statement in $1; do
+		printf '\toption %s\n' "${statement# }" >>"$config"
 	done
-	eval "$init_text"
-	start_service
-	if command -v service_triggers >/dev/null; then service_triggers; fi
 }
 
 failures=0
 check() {
-	if [ "$2" = "$3" ]; then echo "ok   $1: $2" && return 0; fi
+	if [ "$2" = "$3" ]; then
+		echo "ok   $1"
+		return 0
+	fi
 	echo "FAIL $1: got '$2', expected '$3'"
 	failures=$((failures + 1))
 }
 
-# Directories: in a private mount namespace, /tmp/socket is made root's, mode 0700, whatever was
-# at the path before; /var/config is created.
-check_dirs() {
-	mount -t tmpfs tmpfs /tmp
-	mount -t tmpfs tmpfs /var
-	for before in absent other-users-dir symlink file; do
-		rm -rf /tmp/socket /tmp/elsewhere /var/config
-		mkdir -m 0777 /tmp/elsewhere
-		case $before in
-		other-users-dir) mkdir -m 0777 /tmp/socket && chown 65534:65534 /tmp/socket ;;
-		symlink) ln -s /tmp/elsewhere /tmp/socket ;;
-		file) touch /tmp/socket ;;
-		esac
-		(start_with) >/dev/null
-		check "/tmp/socket ($before)" "$(stat -c '%F %u:%g %a' /tmp/socket)" "directory 0:0 700"
-		check "/var/config ($before)" "$(stat -c '%F' /var/config)" "directory"
-		check "symlink target ($before)" "$(stat -c '%u %a' /tmp/elsewhere)" "0 777"
-	done
-	exit "$failures"
-}
-[ "${1-}" != --dirs ] || check_dirs
+# ----- options -> the instance's command line and the log ------------------------------------
 
-# Command lines: options -> what procd runs. -D comes first; a value that is not a decimal
-# number is left out.
-while IFS='|' read -r options expected; do
-	got=$(
-		# No file system changes here: the directory cases are checked on their own.
-		for command in rm mkdir chown chmod; do eval "$command() { :; }"; done
-		# shellcheck disable=SC2086
-		start_with $options
-		echo "$loaded|$command_line|$params"
-	)
-	check "options '$options'" "$got" "tarn|$expected| respawn= stderr=1"
+reset
+cp "$work/package.config" "$config"
+service start
+check "start with the package's configuration" "$(instance)" \
+	"/usr/sbin/tarn | respawn= stderr=1"
+check "start with the package's configuration: log" "$(cat "$SYSLOG" 2>/dev/null)" ""
+
+# options ('' for no option at all) | daemon arguments | options named in the log
+while IFS='|' read -r options arguments logged; do
+	reset
+	write_config "$options"
+	service start
+	check "options [$options]" "$(instance)" "/usr/sbin/tarn$arguments | respawn= stderr=1"
+	check "options [$options]: logged" "$(logged_options)" "$logged"
 done <<'TABLE'
-|/usr/sbin/tarn
-debug=0|/usr/sbin/tarn
-debug=1 version=3 max_neighbors=32 rssi=6|/usr/sbin/tarn -D -V 3 -n 32 -R 6
-rssi=200 version=255 debug=yes|/usr/sbin/tarn -D -V 255 -R 200
-debug=maybe version=0 max_neighbors=300|/usr/sbin/tarn -V 0 -n 300
-version=abc max_neighbors= rssi=-5|/usr/sbin/tarn
+||
+debug '1'; version '3'; max_neighbors '32'; rssi '6'| -D -V 3 -n 32 -R 6|
+version '1'; max_neighbors '16'; rssi '1'| -V 1 -n 16 -R 1|
+version '255'; max_neighbors '64'; rssi '200'| -V 255 -n 64 -R 200|
+version '0'; max_neighbors '15'; rssi '0'||version max_neighbors rssi
+version '256'; max_neighbors '65'; rssi '201'||version max_neighbors rssi
+version '032'; max_neighbors '00064'; rssi '0000000000000000000000000000000000007'| -V 32 -n 64 -R 7|
+version '99999999999999999999999'; max_neighbors '0000'||version max_neighbors
+version 'abc'; max_neighbors '-5'; rssi '3x'||version max_neighbors rssi
+version ' 32'; max_neighbors '32 '; rssi '0x10'||version max_neighbors rssi
+version ''; max_neighbors ''; rssi ''; debug ''||
+version 7; max_neighbors "20"| -V 7 -n 20|
+debug 'yes'| -D|
+debug 'on'; version '2'| -D -V 2|
+debug 'true'| -D|
+debug 'enabled'| -D|
+debug 'off'||
+debug 'no'||
+debug 'false'||
+debug 'disabled'||
+debug 'maybe'; version '65'| -V 65|debug
+debug '2'||debug
 TABLE
 
-if [ "$(id -u)" -eq 0 ] && command -v unshare >/dev/null; then
-	unshare --mount --propagation private sh "$0" --dirs || failures=$((failures + $?))
-else
-	echo "SKIP directory cases: they need root (mount namespace)"
-fi
+reset
+write_config "max_neighbors '65'"
+service start
+check "the log line of an option left out" "$(cat "$SYSLOG")" \
+	"tarn: option max_neighbors '65' is not a number from 16 to 64: left out, the default applies"
+
+# ----- start, stop, restart, enable, disable -------------------------------------------------
+
+reset
+write_config "version '4'"
+service start
+service stop
+check "stop: procd ends the instance" "$(instance)" ""
+check "stop: what procd was told" "$(cat "$PROCD_STATE_DIR/journal")" "open tarn
+kill tarn"
+
+reset
+write_config "version '4'"
+service start
+write_config "version '5'; debug '1'"
+service restart
+check "restart: the changed options" "$(instance)" "/usr/sbin/tarn -D -V 5 | respawn= stderr=1"
+check "restart: what procd was told" "$(cat "$PROCD_STATE_DIR/journal")" "open tarn
+kill tarn
+open tarn"
+
+rc_d="$IPKG_INSTROOT/etc/rc.d"
+service enable
+check "enable: the rc.d links" "$(cd "$rc_d" && for link in *; do
+	echo "$link -> $(readlink "$link")"
+done)" "K10tarn -> ../init.d/tarn
+S95tarn -> ../init.d/tarn"
+check "enabled after enable" "$(service enabled && echo yes || echo no)" "yes"
+service disable
+check "disable: no rc.d links" "$(ls -A "$rc_d")" ""
+check "enabled after disable" "$(service enabled && echo yes || echo no)" "no"
+
+# ----- /tmp/socket ---------------------------------------------------------------------------
+
+# What lies at /tmp/socket before the start | /tmp/socket afterwards | is the old content kept
+# (the file "held" inside it, or the target of a symlink)?
+write_config ""
+while IFS='|' read -r before after kept; do
+	reset
+	rm -rf /tmp/socket /tmp/elsewhere
+	mkdir -m 0777 /tmp/elsewhere && touch /tmp/elsewhere/held
+	case $before in
+	root-dir-0755) mkdir -m 0755 /tmp/socket && touch /tmp/socket/held ;;
+	root-dir-0700) mkdir -m 0700 /tmp/socket && touch /tmp/socket/held ;;
+	root-dir-other-group) mkdir -m 0770 /tmp/socket && touch /tmp/socket/held &&
+		chgrp 65534 /tmp/socket ;;
+	other-users-dir) mkdir -m 0700 /tmp/socket && touch /tmp/socket/held &&
+		chown -R 65534:65534 /tmp/socket ;;
+	symlink-to-dir) ln -s /tmp/elsewhere /tmp/socket ;;
+	dangling-symlink) ln -s /tmp/nowhere /tmp/socket ;;
+	file) echo text >/tmp/socket ;;
+	fifo) mkfifo /tmp/socket ;;
+	esac
+	service start
+	check "/tmp/socket was $before" "$(stat -c '%F %u %a' /tmp/socket)" "$after"
+	check "/tmp/socket was $before: content kept" \
+		"$([ -e /tmp/socket/held ] && echo kept || echo gone)" "$kept"
+	check "/tmp/socket was $before: elsewhere untouched" \
+		"$(stat -c '%u %a' /tmp/elsewhere) $(ls /tmp/elsewhere)" "0 777 held"
+	check "/tmp/socket was $before: started" "$(instance)" "/usr/sbin/tarn | respawn= stderr=1"
+	check "/tmp/socket was $before: /var/config" "$(stat -c '%F' /var/config)" "directory"
+done <<'TABLE'
+absent|directory 0 700|gone
+root-dir-0755|directory 0 700|kept
+root-dir-0700|directory 0 700|kept
+root-dir-other-group|directory 0 700|kept
+other-users-dir|directory 0 700|gone
+symlink-to-dir|directory 0 700|gone
+dangling-symlink|directory 0 700|gone
+file|directory 0 700|gone
+fifo|directory 0 700|gone
+TABLE
+
+# A /tmp/socket that cannot be made: no instance, and the log says why.
+reset
+rm -rf /tmp/socket
+mount -o remount,ro /tmp
+service start
+mount -o remount,rw /tmp
+check "/tmp/socket cannot be made: started" "$(instance)" ""
+check "/tmp/socket cannot be made: log" "$(cat "$SYSLOG")" \
+	"tarn: cannot create /tmp/socket as root's own directory: not started"
 
 if [ "$failures" -ne 0 ]; then
 	echo "test_tarn_init: $failures failed"

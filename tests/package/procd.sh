@@ -1,0 +1,53 @@
+# Stand-in for OpenWrt's /lib/functions/procd.sh: instead of sending the service's definition to
+# procd over the bus, it writes what procd would be told under $PROCD_STATE_DIR:
+#   SERVICE      one line per instance: "command ARGS... | param=value ..."
+#   journal      one line per call that reaches procd: "open SERVICE", "kill SERVICE"
+
+procd_open_service() {
+	procd_service=$1
+	procd_instances=''
+	echo "open $1" >>"$PROCD_STATE_DIR/journal"
+}
+
+procd_open_instance() {
+	procd_command=''
+	procd_params=''
+}
+
+# procd_set_param NAME VALUE...: sets (replaces) a parameter of the open instance.
+procd_set_param() {
+	local name="$1"
+	shift
+	if [ "$name" = command ]; then
+		procd_command="$*"
+	else
+		procd_params="$procd_params $name=$*"
+	fi
+}
+
+# procd_append_param NAME VALUE...: adds values to a list parameter (the command line).
+procd_append_param() {
+	local name="$1"
+	shift
+	if [ "$name" = command ]; then
+		procd_command="$procd_command $*"
+	else
+		procd_params="$procd_params $name+=$*"
+	fi
+}
+
+procd_close_instance() {
+	procd_instances="$procd_instances$procd_command |$procd_params
+"
+}
+
+# The service's instances replace the ones procd held before.
+procd_close_service() {
+	printf '%s' "$procd_instances" >"$PROCD_STATE_DIR/$procd_service"
+}
+
+# procd_kill SERVICE: procd ends the service's instances.
+procd_kill() {
+	rm -f "$PROCD_STATE_DIR/$1"
+	echo "kill $1" >>"$PROCD_STATE_DIR/journal"
+}
