@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # The whole test suite: the include check of the folders, unit tests (plain, ASan+UBSan, TSan for the concurrency tests), the
-# system tests in network namespaces (root only; skipped with a reason otherwise), the real-bus
-# stage (scripts/test-ubus.sh), a hostile soak of the ASan+UBSan daemon and the bounded fuzz
-# runs of every parser of untrusted input.
+# system tests in network namespaces (root only; skipped with a reason otherwise), a hostile
+# soak of the ASan+UBSan daemon, the package stage and the bounded fuzz runs of every parser of
+# untrusted input.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 JOBS=$(nproc)
@@ -42,9 +42,6 @@ if [ -d tests/system ]; then
     step "system tests"
     TARN_BUILD_DIR="$PWD/build" /usr/bin/python3 -m pytest -q -rs tests/system
 fi
-
-step "real-bus stage: ubusd, the ubus command and tarn built against the platform's bus"
-scripts/test-ubus.sh
 
 if [ "$(id -u)" = 0 ]; then
     step "hostile soak of the ASan+UBSan daemon"

@@ -14,7 +14,6 @@ from .nsutil import LabError
 
 SYSTEM_PATH = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"
 TARN_SOCKET = "/tmp/socket/tarn_socket"
-UBUS_SOCKET = "/var/run/ubus/ubus.sock"
 
 
 class Ap:
@@ -31,7 +30,6 @@ class Ap:
         self.sim_pid = None
         self.daemon = None  # Popen, when the daemon was started by this process
         self.sim = None
-        self.ubusd = None  # Popen of the AP's own ubusd, on a build that serves ubus
 
     # ----- paths and state ----------------------------------------------------------------
 
@@ -73,8 +71,6 @@ class Ap:
         env = {"PATH": f"{self.bin_dir}:{self.lab.build_dir}:{SYSTEM_PATH}",
                "HOME": "/root", "LANG": "C", "LC_ALL": "C", "TERM": os.environ.get("TERM",
                                                                                   "dumb")}
-        if self.lab.ubus_prefix:
-            env["LD_LIBRARY_PATH"] = os.path.join(self.lab.ubus_prefix, "lib")
         env.update(extra or {})
         return env
 
@@ -116,14 +112,12 @@ class Ap:
 
     @property
     def bus_command(self):
-        """The bus's command: the platform's `ubus` on a build that serves ubus (called by its
-        path: the stand-in `ubus` comes first on PATH), else `tarn-bus`."""
-        if self.lab.ubus_prefix:
-            return os.path.join(self.lab.ubus_prefix, "bin", "ubus")
+        """The embedded bus's command, `tarn-bus` of the build (the stand-in `ubus` on PATH
+        answers the daemon's own platform calls)."""
         return os.path.join(self.lab.build_dir, "tarn-bus")
 
     def bus(self, method, payload=None, timeout=30):
-        """Runs `ubus call tarn METHOD [JSON]` (or tarn-bus) inside the AP."""
+        """Runs `tarn-bus call tarn METHOD [JSON]` inside the AP."""
         argv = [self.bus_command, "call", "tarn", method]
         if payload is not None:
             argv.append(payload if isinstance(payload, str) else json.dumps(payload))
@@ -143,20 +137,6 @@ class Ap:
             return handle.read()
 
     # ----- daemon -------------------------------------------------------------------------
-
-    def start_ubusd(self, timeout=10.0):
-        """Starts the AP's own ubusd (log in ubusd.log) and waits for its socket."""
-        with open(os.path.join(self.dir, "ubusd.log"), "ab") as log:
-            self.ubusd = self.popen([os.path.join(self.lab.ubus_prefix, "sbin", "ubusd")],
-                                    stdout=log, stderr=subprocess.STDOUT,
-                                    start_new_session=True)
-        deadline = time.monotonic() + timeout
-        # /var/run is a link to /run: resolved here, as the link itself would be on the host.
-        while not os.path.exists(self.path(os.path.realpath(UBUS_SOCKET))):
-            if self.ubusd.poll() is not None or time.monotonic() > deadline:
-                raise LabError(f"{self.name}: ubusd did not start; see "
-                               f"{os.path.join(self.dir, 'ubusd.log')}")
-            time.sleep(0.02)
 
     def start_daemon(self, args=None, env=None, driver_port="config", wait=True,
                      timeout=10.0):

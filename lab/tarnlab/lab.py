@@ -32,7 +32,6 @@ NETNS_PREFIX = "tarnlab-"
 LAB_NAME_RE = re.compile(r"^[a-z0-9]{1,16}$")
 BRIDGE = "br0"
 TMPFS_DIRS = ("/tmp", "/var/config")
-UBUS_SOCKET_DIR = "/var/run/ubus"  # compiled into ubusd and libubus: one tmpfs per AP
 AP_MKDIRS = ("/tmp/socket",)
 LAB_DIR = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 REPO_DIR = os.path.dirname(LAB_DIR)
@@ -42,19 +41,6 @@ STATIC_NEIGHBOR_CONF = "/var/config/static_neighbor.conf"
 
 def default_build_dir():
     return os.environ.get("TARN_BUILD_DIR") or os.path.join(REPO_DIR, "build")
-
-
-def ubus_prefix_of(build_dir):
-    """The platform prefix (lib/, sbin/ubusd, bin/ubus) a build serves ubus from, or None for
-    a build of the embedded bus (it has tarn-bus)."""
-    if os.path.exists(os.path.join(build_dir, "tarn-bus")):
-        return None
-    with contextlib.suppress(OSError):
-        with open(os.path.join(build_dir, "CMakeCache.txt"), encoding="utf-8") as cache:
-            for line in cache:
-                if line.startswith("UBUS_LIBRARY:"):
-                    return os.path.dirname(os.path.dirname(line.split("=", 1)[1].strip()))
-    return None
 
 
 def netns_name(lab_name, node):
@@ -71,7 +57,6 @@ class Lab:
         self.name = name
         self.scenario = scen.resolve(scenario if scenario is not None else 2)
         self.build_dir = os.path.abspath(build_dir or default_build_dir())
-        self.ubus_prefix = ubus_prefix_of(self.build_dir)
         self.owner_pid = owner_pid
         self.with_bridge = bridge
         self.with_simulators = simulators
@@ -149,7 +134,6 @@ class Lab:
         lab.name = state["name"]
         lab.scenario = state["scenario"]
         lab.build_dir = state["build_dir"]
-        lab.ubus_prefix = ubus_prefix_of(lab.build_dir)
         lab.owner_pid = state["owner_pid"]
         lab.with_bridge = state["bridge"]
         lab.with_simulators = state["simulators"]
@@ -224,10 +208,6 @@ class Lab:
                         say(f"{ap.name}: driver simulator")
                         self._start_simulator(ap)
                     self.save()
-                if self.ubus_prefix:
-                    for ap in self.aps:
-                        say(f"{ap.name}: ubusd")
-                        ap.start_ubusd()
                 if self.with_daemons:
                     for ap in self.aps:
                         say(f"{ap.name}: tarn")
@@ -285,11 +265,9 @@ class Lab:
             self._link_pair(ns, vap, "vp" + vap[3:])
         for radio in range(cfg["radios"]):
             self._link_pair(ns, f"wifi{radio}", f"rp{radio}")
-        tmpfs_dirs = TMPFS_DIRS + ((UBUS_SOCKET_DIR,) if self.ubus_prefix else ())
         ap.holder_pid = nsutil.start_holder(
-            ns, tmpfs_dirs, AP_MKDIRS, os.path.join(ap.dir, "holder.log"),
-            keep=sorted({self.build_dir, LAB_DIR, os.path.dirname(sys.executable)} |
-                        ({self.ubus_prefix} if self.ubus_prefix else set())),
+            ns, TMPFS_DIRS, AP_MKDIRS, os.path.join(ap.dir, "holder.log"),
+            keep=sorted({self.build_dir, LAB_DIR, os.path.dirname(sys.executable)}),
             stash_dir=os.path.join(ap.dir, "stash"))
         self._write_platform(ap)
 

@@ -1,44 +1,22 @@
 """The bus object "tarn" and the configuration-reload event against running daemons: each
 method once through `call` (the static neighbor file on disk after each edit), the event
-through `send`, and the end of the service.
-
-Every test runs once per transport: `tarn-bus` on a build of the embedded bus ($TARN_BUILD_DIR),
-and the platform's `ubus` with an ubusd per AP on a build that serves ubus
-($TARN_UBUS_BUILD_DIR); $TARN_BUS_TRANSPORTS (e.g. "ubus") picks among those given."""
+through `send`, and the end of the service, with `tarn-bus` on the embedded bus of the build in
+$TARN_BUILD_DIR (the methods are the same code the platform's ubus binding serves)."""
 
 import json
 import os
-import re
 import signal
 
 import pytest
 
-from tarnlab.lab import default_build_dir, ubus_prefix_of
 from tarnsys import BUS_SOCKET, LISTENING_LOG, STATIC_CONF, local_message, send_local, wait_for
 
 RELOAD_EVENT = "userconfig.reload"
 RELOAD_LOG = "Tarn update static neighbor by ubus event[userconfig.reload]."
 STATIC_STATES = ("3", "4")
 
-
-def transport_of(build_dir):
-    return "ubus" if ubus_prefix_of(build_dir) else "tarn-bus"
-
-
-def given_builds():
-    """{transport: build directory} of the builds given."""
-    dirs = [default_build_dir()] + [d for d in [os.environ.get("TARN_UBUS_BUILD_DIR")] if d]
-    return {transport_of(d): os.path.abspath(d) for d in dirs}
-
-
-GIVEN_BUILDS = given_builds()
-BUILDS = {t: d for t, d in GIVEN_BUILDS.items()
-          if t in os.environ.get("TARN_BUS_TRANSPORTS", ",".join(GIVEN_BUILDS)).split(",")}
-UBUS_BUILD = BUILDS.get("ubus")
-# What a call gets when the daemon is gone: ubusd answers that the object is not there, while
-# the embedded bus went with its daemon.
-NO_DAEMON = {"ubus": (4, "Command failed: Not found\n"),
-             "tarn-bus": (255, "Failed to connect to ubus\n")}
+# What a call gets when the daemon is gone: the embedded bus went with it.
+NO_DAEMON = (255, "Failed to connect to ubus\n")
 
 
 # ----- helpers -------------------------------------------------------------------------------
@@ -96,22 +74,11 @@ ENTRY_52 = {"mac": "02:00:00:00:00:52", "ip": "0.0.0.0", "ip6": "fd00:99::52"}
 SCENARIO = {"hears": "none", "aps": [{"name": "ap1", "static_neighbors": STATICS}]}
 
 
-@pytest.fixture(params=list(BUILDS.values()), ids=list(BUILDS))
-def bus_build(request):
-    return request.param
-
-
-def lone_ap(make_lab, build_dir, scenario=SCENARIO):
-    """AP 1 and its daemon, without a bridge or a driver simulator (its ubusd runs on a ubus
-    build)."""
-    ap = make_lab(scenario, bridge=False, simulators=False, build_dir=build_dir).ap("ap1")
-    ap.wait_log(LISTENING_LOG)
-    return ap
-
-
 @pytest.fixture
-def ap1(make_lab, bus_build):
-    ap = lone_ap(make_lab, bus_build)
+def ap1(make_lab):
+    """AP 1 and its daemon, without a bridge or a driver simulator."""
+    ap = make_lab(SCENARIO, bridge=False, simulators=False).ap("ap1")
+    ap.wait_log(LISTENING_LOG)
     yield ap
     ap.stop_daemon()
 
@@ -199,76 +166,7 @@ def test_reload_event_takes_over_a_file_written_from_outside(ap1):
 def test_a_signal_ends_the_daemon_with_0_and_its_service(ap1, sig):
     assert ap1.stop_daemon(sig) == 0
 
-    transport = transport_of(ap1.lab.build_dir)
     result = ap1.bus("debug_get")
-    assert (result.returncode, result.stderr) == NO_DAEMON[transport]
-    if transport == "tarn-bus":
-        assert not os.path.exists(ap1.path(BUS_SOCKET))
+    assert (result.returncode, result.stderr) == NO_DAEMON
+    assert not os.path.exists(ap1.path(BUS_SOCKET))
 
-
-# ----- requests the ubus command cannot send --------------------------------------------------
-
-@pytest.mark.skipif(UBUS_BUILD is None, reason="needs a ubus build in TARN_UBUS_BUILD_DIR")
-@pytest.mark.parametrize("bus_build", [UBUS_BUILD], ids=["ubus"])
-@pytest.mark.parametrize("method, members, output, debug, macs", [
-    ("debug_set", ["i:debug_switch=3", "i:debug_switch=5"], ["{\"result\":\"success\"}",
-                                                             "status 0"], 3, []),
-    ("add_static_neighbor", ["s:=02:00:00:00:00:31", "i:mac=5", "s:mac=02:00:00:00:00:32"],
-     ["{\"result\":\"success\"}", "status 0"], 0, ["02:00:00:00:00:32"]),
-    ("qv_del_static_neighbor", ["s:=x"], ["status 1"], 0, []),
-], ids=["repeated-name-first-wins", "nameless-and-wrong-type-skipped", "list-method-nameless"])
-def test_blobmsg_members_are_read_by_policy(make_lab, bus_build, method, members, output,
-                                            debug, macs):
-    ap = lone_ap(make_lab, bus_build, {"count": 1, "hears": "none"})
-    assert call(ap, "debug_set", {"debug_switch": 0}).pairs == [("result", "success")]
-
-    result = ap.exec([os.path.join(ap.lab.build_dir, "tests", "ubus_members_call"), "tarn",
-                      method] + members, timeout=10)
-
-    assert result.stdout.splitlines() == output
-    assert debug_state(ap) == debug
-    assert [row["mac"] for row in call(ap, "show")["result"]] == macs
-
-
-# ----- tarn-bus against ubus ------------------------------------------------------------------
-
-TWIN_LINES = [
-    [], ["-h"], ["list"], ["-v", "list", "tarn"], ["list", "nosuch"],
-    ["call", "tarn", "debug_get"], ["-S", "call", "tarn", "show_neighbor"],
-    ["call", "tarn", "debug_set", '{"debug_switch":0} trailing'],
-    ["call", "tarn", "debug_set", '{"debug_switch":2,"debug_switch":1}'],
-    ["call", "tarn", "qv_static_neighbor",
-     '{"neighbor_list":[{"mac":"02:00:00:00:00:42","ip":null,"ip6":"fd00::42"}]}'],
-    ["call", "tarn", "show"], ["call", "tarn", "nosuch"], ["call", "nosuch", "show"],
-    ["call", "tarn", "debug_set", "{"], ["call", "tarn", "debug_set", "[1]"],
-    ["call", "tarn"], ["call", "tarn", "show", "{}", "x"], ["nosuch"],
-    ["send", RELOAD_EVENT, '{"ModifiedConfig":["all"]}'], ["send", "x", "{"], ["send"],
-    ["-s", "/tmp/nobody", "call", "tarn", "show"], ["call", "tarn", "debug_get"],
-]
-# Usage lines of what tarn-bus does not have: the monitor options and the listening commands.
-UBUS_ONLY_USAGE = (" -m <type>:", "\t\t\t(can be used more than once)", " -M <r|t>",
-                   " - subscribe ", " - listen ", " - wait_for ", " - monitor")
-
-
-def twin_outcome(ap, args):
-    result = ap.exec([ap.bus_command] + args, timeout=10)
-
-    def normal(text):
-        text = re.sub(r"@[0-9a-f]{8}", "@ID", text.replace(ap.bus_command, "PROG"))
-        return "".join(line for line in text.splitlines(keepends=True)
-                       if not line.startswith(UBUS_ONLY_USAGE))
-    return result.returncode, normal(result.stdout), normal(result.stderr)
-
-
-def test_tarn_bus_answers_every_command_line_as_ubus(make_lab):
-    if set(GIVEN_BUILDS) != {"ubus", "tarn-bus"}:
-        pytest.skip("needs a ubus build in TARN_UBUS_BUILD_DIR")
-    aps = {t: lone_ap(make_lab, d) for t, d in GIVEN_BUILDS.items()}
-
-    differences = []
-    for args in TWIN_LINES:
-        ubus, tarn_bus = (twin_outcome(aps[t], args) for t in ("ubus", "tarn-bus"))
-        if ubus != tarn_bus:
-            differences.append(f"{args}:\n  ubus     {ubus}\n  tarn-bus {tarn_bus}")
-
-    assert differences == [], "\n".join(differences)
