@@ -196,7 +196,11 @@ INSTANTIATE_TEST_SUITE_P(
         load_case{"long ip skipped",
                   R"({"static_neighbor": [{"mac": "0:0:0:0:0:2", "ip": "192.168.100.2001"},)"
                   R"( {"mac": "0:0:0:0:0:3", "ip": "192.168.100.200"}]})",
-                  "0 | 00:00:00:00:00:03 192.168.100.200 :: 4"}));
+                  "0 | 00:00:00:00:00:03 192.168.100.200 :: 4"},
+        // Read by the AP's rules on every C library: text after the address makes it all ones.
+        load_case{"ip with a trailing blank",
+                  R"({"static_neighbor": [{"mac": "0:0:0:0:0:2", "ip": "10.0.0.5 "}]})",
+                  "0 | 00:00:00:00:00:02 255.255.255.255 :: 4"}));
 
 TEST(StaticFile, LoadsReversedAndWritesTheFormattedTextInLowerCase) {
     SKIP_UNLESS_ROOT();

@@ -58,6 +58,35 @@ TEST(SysinfoAddresses, UplinkAddressesAndDriverReports) {
               "confirmed: 0 v4 change: 1 0 v6 change: 1 0");
 }
 
+// The management address and the cluster head's address are read by the AP's C library's
+// rules whatever the build's: text after the address makes it all ones, which the management
+// address never takes (it stays as it was) and the cluster head's address keeps.
+TEST(SysinfoAddresses, ManagementAndClusterHeadAddressesReadAsOnTheAp) {
+    SKIP_UNLESS_ROOT();
+    const struct {
+        const char *getqvinfo;
+        const char *pvc_ip;
+        const char *seen;  // qv_ip pvc_ip cluster_id
+    } cases[] = {
+        {"10.2.3.4", "10.0.0.9", "10.2.3.4 10.0.0.9 7"},
+        {"10.2.3.4 junk", "10.0.0.9 junk", "0.0.0.0 255.255.255.255 7"},
+        {"10.2.3.4\\n", "010.0.0.9", "0.0.0.0 8.0.0.9 7"},
+    };
+    for (const auto &c : cases) {
+        std::string seen = sandbox::run_in_sandbox([&c] {
+            install_command("getqvinfo", std::string("printf '") + c.getqvinfo + "\\n'");
+            sandbox::write_file("/tmp/pvc-info",
+                                std::string("1:") + c.pvc_ip + ":2:7:aa-bb-cc-dd-ee-ff\n");
+            Get_QV_ipaddr();
+            get_cluster_info();
+            neighbor_ap self = self_ap_snapshot();
+            return ip_text(htonl(self.info.qv_ip)) + " " + ip_text(htonl(self.info.pvc_ip)) +
+                   " " + std::to_string(self.info.cluster_id);
+        });
+        EXPECT_EQ(seen, c.seen) << c.getqvinfo;
+    }
+}
+
 const std::string LONG = "ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
 
 // Each fact from its platform command or file: texts trimmed and cut to their field's size

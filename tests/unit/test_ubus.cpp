@@ -96,9 +96,12 @@ TEST(StaticMethods, ReplyAndList) {
     } cases[] = {
         {ubus_static_mac_add, nullptr, PARSE_FAILED, A},
         {ubus_static_mac_del, R"({"other":"x"})", OK, A},
+        // An address is read by the AP's rules: a trailing blank makes it all ones.
+        {ubus_static_mac_add, R"({"mac":"66:77:88:99:aa:bb","ip":"10.0.0.5 "})", OK,
+         "66:77:88:99:aa:bb 255.255.255.255 :: 4; " + A},
         // Each element is taken, the address defaults to all ones, the last becomes the head.
         {ubus_static_mac_qv,
-         R"({"neighbor_list":[{"mac":"00:11:22:33:44:55"},)"
+         R"({"neighbor_list":[{"mac":"00:11:22:33:44:55","ip":"10.0.0.5 "},)"
          R"({"mac":"66:77:88:99:aa:bb","ip":"127.0.0.3","ip6":"fd00::3"},"x"]})",
          OK,
          "00:00:00:00:00:00 255.255.255.255 :: 4; 66:77:88:99:aa:bb 127.0.0.3 fd00::3 4; "
