@@ -109,16 +109,9 @@ version 'abc'; max_neighbors '-5'; rssi '3x'||version max_neighbors rssi
 version ' 32'; max_neighbors '32 '; rssi '0x10'||version max_neighbors rssi
 version ''; max_neighbors ''; rssi ''; debug ''||
 version 7; max_neighbors "20"| -V 7 -n 20|
-debug 'yes'| -D|
-debug 'on'; version '2'| -D -V 2|
-debug 'true'| -D|
-debug 'enabled'| -D|
+debug 'yes'; version '2'| -D -V 2|
 debug 'off'||
-debug 'no'||
-debug 'false'||
-debug 'disabled'||
-debug 'maybe'; version '65'| -V 65|debug
-debug '2'||debug
+debug '2'; version '65'| -V 65|debug
 TABLE
 
 reset
