@@ -32,8 +32,11 @@ busybox --install -s "$work/bin"
 mount -t tmpfs tmpfs /tmp
 mount -t tmpfs tmpfs /var
 
-export PATH="$work/bin" UCI_CONFIG_DIR="$work/root/etc/config" \
-	IPKG_INSTROOT="$work/root" PROCD_STATE_DIR="$work/procd" SYSLOG="$work/syslog"
+export PATH="$work/bin" UCI_CONFIG_DIR="$work/root/etc/config" PROCD_STATE_DIR="$work/procd" \
+	SYSLOG="$work/syslog"
+# The root an image is assembled in, where `enable` makes its links.
+instroot="$work/root"
+image_service() { (export IPKG_INSTROOT="$instroot" && service "$@"); }
 config="$UCI_CONFIG_DIR/tarn"
 
 # /etc/init.d/tarn ACTION, as the kernel runs it: sh /etc/rc.common /etc/init.d/tarn ACTION.
@@ -45,7 +48,7 @@ service() {
 			if [ "$1" = -t ]; then tag=$2 && shift 2; fi
 			echo "$tag: $*" >>"$SYSLOG"
 		}
-		. "$0"' "$work/lib/rc.common" "$IPKG_INSTROOT/etc/init.d/tarn" "$@"
+		. "$0"' "$work/lib/rc.common" "$instroot/etc/init.d/tarn" "$@"
 }
 
 # The instance procd holds: "command line | parameters", or "" when none.
@@ -140,22 +143,22 @@ check "restart: what procd was told" "$(cat "$PROCD_STATE_DIR/journal")" "open t
 kill tarn
 open tarn"
 
-rc_d="$IPKG_INSTROOT/etc/rc.d"
-service enable
+rc_d="$instroot/etc/rc.d"
+image_service enable
 check "enable: the rc.d links" "$(cd "$rc_d" && for link in *; do
 	echo "$link -> $(readlink "$link")"
 done)" "K10tarn -> ../init.d/tarn
 S95tarn -> ../init.d/tarn"
-check "enabled after enable" "$(service enabled && echo yes || echo no)" "yes"
-service disable
+check "enabled after enable" "$(image_service enabled && echo yes || echo no)" "yes"
+image_service disable
 check "disable: no rc.d links" "$(ls -A "$rc_d")" ""
-check "enabled after disable" "$(service enabled && echo yes || echo no)" "no"
+check "enabled after disable" "$(image_service enabled && echo yes || echo no)" "no"
 
 # ----- /tmp/socket ---------------------------------------------------------------------------
 
 # What lies at /tmp/socket before the start | /tmp/socket afterwards | is the old content kept
 # (the file "held" inside it, or the target of a symlink)?
-write_config ""
+write_config "version '9'"
 while IFS='|' read -r before after kept; do
 	reset
 	rm -rf /tmp/socket /tmp/elsewhere
@@ -178,7 +181,7 @@ while IFS='|' read -r before after kept; do
 		"$([ -e /tmp/socket/held ] && echo kept || echo gone)" "$kept"
 	check "/tmp/socket was $before: elsewhere untouched" \
 		"$(stat -c '%u %a' /tmp/elsewhere) $(ls /tmp/elsewhere)" "0 777 held"
-	check "/tmp/socket was $before: started" "$(instance)" "/usr/sbin/tarn | respawn= stderr=1"
+	check "/tmp/socket was $before: started" "$(instance)" "/usr/sbin/tarn -V 9 | respawn= stderr=1"
 	check "/tmp/socket was $before: /var/config" "$(stat -c '%F' /var/config)" "directory"
 done <<'TABLE'
 absent|directory 0 700|gone
