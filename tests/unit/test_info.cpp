@@ -186,10 +186,14 @@ const std::vector<merge_row> &merge_rows() {
          {entry(5, AP_STATE_OFFLINE), entry(2), entry(5, AP_STATE_STATIC_ACTIVE)},
          {5},
          {{5, 1, 1, 3}, {2, 1, 0, -1}}},
-        {"file order differs: only the matching part is static",
-         {entry(1), entry(8), entry(9)},
-         {9, 8},
-         {{1, 1, 0, -1}, {8, 1, 0, -1}, {9, 0, 1, -1}}},
+        {"a loaded file's entries come in reverse order",
+         {entry(1), entry(9), entry(8), entry(7)},
+         {7, 8, 9},
+         {{1, 1, 0, -1}, {9, 0, 1, -1}, {8, 0, 1, -1}, {7, 0, 1, -1}}},
+        {"file order mixed: only the matching part is static",
+         {entry(1), entry(8), entry(9), entry(7)},
+         {7, 8, 9},
+         {{1, 1, 0, -1}, {8, 1, 0, -1}, {9, 1, 0, -1}, {7, 0, 1, -1}}},
         {"file lists a neighbor the answer lacks yet",
          {entry(1), entry(8)},
          {8, 9},
@@ -239,13 +243,14 @@ TEST_P(StaticMerge, ReportsEachNeighborOnceWithItsLists) {
 INSTANTIATE_TEST_SUITE_P(Rows, StaticMerge, ::testing::Range<size_t>(0, merge_rows().size()));
 
 TEST(StaticMerge, EveryStaticNeighborAfterAFullTable) {
-    // 64 learned and the 8 static neighbors the daemon keeps (a file of 9 keeps its first 8).
+    // 64 learned and the 8 static neighbors the daemon keeps of a file of 9: its first 8, each
+    // loaded to the front of the list.
     std::vector<ap_info> statics;
     std::vector<uint8_t> file;
     for (uint8_t i = 0; i < STATIC_NGBR_MAX + 1; ++i) {
         file.push_back(static_cast<uint8_t>(0xa0 + i));
         if (i < STATIC_NGBR_MAX) {
-            statics.push_back(longest_entry(static_cast<uint8_t>(0xa0 + i)));
+            statics.insert(statics.begin(), longest_entry(static_cast<uint8_t>(0xa0 + i)));
         }
     }
     std::vector<info_neighbor> neighbors;
