@@ -4,6 +4,7 @@ driver, and the change events of --watch."""
 
 import json
 import os
+import signal
 import socket
 import struct
 import subprocess
@@ -282,9 +283,21 @@ def test_watch_reports_a_drop_and_the_return(make_lab):
                    for f in os.listdir(ap1.path("/tmp/socket")))
 
 
-def test_no_daemon_fails_at_once_with_a_message(make_lab):
+def test_silent_or_missing_daemon_fails_with_a_message(make_lab):
     lab = make_lab({"count": 1, "hears": "none"})
     ap1 = lab["ap1"]
+    # A daemon that is there but does not answer: no cached answer yet, so the call waits for
+    # it, and gives up.
+    os.kill(ap1.daemon_pid, signal.SIGSTOP)
+    try:
+        started = time.monotonic()
+        result = info(ap1, timeout=10)
+        print(f"tarn-info with a stopped daemon: {time.monotonic() - started:.2f} s")
+    finally:
+        os.kill(ap1.daemon_pid, signal.SIGCONT)
+    assert (result.returncode, result.stdout) == (1, "")
+    assert result.stderr.startswith("tarn-info: no answer")
+
     ap1.stop_daemon()
     for args in ([], ["--prometheus"], ["--json"]):
         started = time.monotonic()
