@@ -274,6 +274,13 @@ def test_watch_reports_a_drop_and_the_return(make_lab):
             ap1.hear(ap3, **{k: v for k, v in radio.items()})
         _, added = wait_for(lambda: event("added"), 30, what="an added event")
         assert added["neighbor"]["mac"] == ap3.mac
+
+        def daemon_event(kind):
+            return any(e["event"] == kind for _, e in events)
+        ap1.stop_daemon()
+        wait_for(lambda: daemon_event("daemon_down"), 30, what="a daemon_down event")
+        ap1.start_daemon()
+        wait_for(lambda: daemon_event("daemon_up"), 30, what="a daemon_up event")
     finally:
         stop.set()
         proc.terminate()
