@@ -26,6 +26,7 @@
 #include "diag/info_text.h"
 #include "diag/info_watch.h"
 #include "proto/nbcp.h"
+#include "proto/nbcp_codes.h"
 
 namespace {
 
@@ -306,6 +307,12 @@ TEST(AnswerDecode, BoundedByTheDatagramOnly) {
     bytes full = list_answer(most);
     ASSERT_LE(full.size(), NBCP_LIST_MAX);
     bytes empty = list_answer({});
+    // The most entries one answer can close: each nothing but its 5-byte end element.
+    bytes bare = empty;
+    const size_t bare_count = (NBCP_LIST_MAX - NBCP_LIST_HDR_LEN - NBCP_END_LEN) / 5;
+    for (size_t i = 0; i < bare_count; ++i) {
+        bare.insert(bare.end() - NBCP_END_LEN, {0, LIST_ENTRY_END, 0, 1, 0});
+    }
     bytes no_end = list_answer({entry(1)});
     no_end.resize(no_end.size() - NBCP_END_LEN);
     bytes half_end = list_answer({entry(1)});
@@ -317,6 +324,7 @@ TEST(AnswerDecode, BoundedByTheDatagramOnly) {
     const decode_row rows[] = {
         {"the most one answer holds", full, true, NBCP_LIST_ENTRIES_MAX},
         {"empty table", empty, true, 0},
+        {"the most entries one answer closes", bare, true, bare_count},
         {"header only", bytes(empty.begin(), empty.begin() + NBCP_LIST_HDR_LEN), false, 0},
         {"shorter than the header", bytes(NBCP_LIST_HDR_LEN - 1, 0), false, 0},
         {"no end mark", no_end, false, 0},
