@@ -95,6 +95,7 @@ PKG_CONFIG_LIBDIR=$pkg_config_aarch64 cmake -S . -B "$out/aarch64" \
     -DTARN_BUILD_TESTS=ON -DTARN_WERROR=ON "${bus_a64[@]}" >/dev/null
 cmake --build "$out/aarch64" -j"$JOBS"
 check_binary aarch64 "$out/aarch64/tarn"
+check_binary aarch64 "$out/aarch64/tarn-info"
 # The tests decide for themselves what qemu-user cannot do (its netlink sockets) and skip it
 # with the reason; every other test runs.
 status=0
