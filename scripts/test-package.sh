@@ -30,6 +30,10 @@ check_binary() {
 
 say "service script with stand-ins of the OpenWrt helpers"
 sh tests/package/test_tarn_init.sh
+sh tests/package/test_tarn_metrics_init.sh
+
+say "alerting rules: promtool test rules"
+(cd openwrt/monitoring && promtool check rules tarn.rules.yml && promtool test rules tarn.rules.test.yml)
 
 say "manual page"
 warnings=$(MANWIDTH=80 man -l doc/tarn.8 2>&1 >/dev/null)
