@@ -78,6 +78,7 @@ class Lab:
         self.with_daemons = daemons
         self.with_monitor = monitor
         self.prometheus_pid = None
+        self.monitor_pids = []  # writers, exporters and Prometheus, ended with the lab
         self.state_dir = os.path.join(STATE_ROOT, name)
         self.aps = [Ap(self, config) for config in self.scenario["aps"]]
         self.bridge_netns = netns_name(name, "br")
@@ -132,7 +133,8 @@ class Lab:
         state = {"name": self.name, "owner_pid": self.owner_pid, "build_dir": self.build_dir,
                  "bridge": self.with_bridge, "simulators": self.with_simulators,
                  "daemons": self.with_daemons, "monitor": self.with_monitor,
-                 "prometheus_pid": self.prometheus_pid, "bridge_netns": self.bridge_netns,
+                 "prometheus_pid": self.prometheus_pid, "monitor_pids": self.monitor_pids,
+                 "bridge_netns": self.bridge_netns,
                  "scenario": self.scenario, "aps": [ap.to_state() for ap in self.aps]}
         tmp = os.path.join(self.state_dir, "lab.json.new")
         with open(tmp, "w", encoding="utf-8") as handle:
@@ -159,6 +161,7 @@ class Lab:
         lab.with_daemons = state["daemons"]
         lab.with_monitor = state.get("monitor", False)
         lab.prometheus_pid = state.get("prometheus_pid")
+        lab.monitor_pids = state.get("monitor_pids", [])
         lab.state_dir = os.path.join(STATE_ROOT, lab.name)
         lab.bridge_netns = state["bridge_netns"]
         lab.aps = []

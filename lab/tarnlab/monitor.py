@@ -79,16 +79,19 @@ def prometheus_dir(lab):
 # ----- on every AP ----------------------------------------------------------------------------
 
 def start_ap(lab, ap):
-    """Starts the writer and the exporter inside the AP (logs in the AP's state directory)."""
+    """Starts the writer and the exporter inside the AP (logs in the AP's state directory);
+    their pids join lab.monitor_pids."""
     with open(os.path.join(ap.dir, "tarn-info.log"), "ab") as log:
-        ap.popen([tarn_info_binary(lab), "--prometheus", "--output", TEXTFILE, "--interval",
+        writer = ap.popen([tarn_info_binary(lab), "--prometheus", "--output", TEXTFILE, "--interval",
                   str(WRITE_INTERVAL)], stdout=log, stderr=subprocess.STDOUT,
                  start_new_session=True)
+    lab.monitor_pids.append(writer.pid)
     with open(os.path.join(ap.dir, "exporter.log"), "ab") as log:
-        ap.popen([EXPORTER, "--collector.disable-defaults", "--collector.textfile",
+        exporter = ap.popen([EXPORTER, "--collector.disable-defaults", "--collector.textfile",
                   f"--collector.textfile.directory={TEXTFILE_DIR}",
                   f"--web.listen-address={exporter_address(ap)}"],
                  stdout=log, stderr=subprocess.STDOUT, start_new_session=True)
+    lab.monitor_pids.append(exporter.pid)
 
 
 # ----- the Prometheus node --------------------------------------------------------------------
@@ -105,7 +108,7 @@ def prometheus_config(lab):
 
 def start_prometheus(lab, bridge, timeout=60.0):
     """Attaches the Prometheus namespace to the lab's bridge, starts the server and waits
-    until it is ready."""
+    until it is ready; returns its pid (also added to lab.monitor_pids)."""
     ns = prometheus_netns(lab)
     ip4, ip6 = prometheus_addresses(lab)
     nsutil.netns_add(ns)
@@ -133,6 +136,7 @@ def start_prometheus(lab, bridge, timeout=60.0):
                              f"--web.listen-address=:{PROMETHEUS_PORT}"],
                             stdin=subprocess.DEVNULL, stdout=log, stderr=subprocess.STDOUT,
                             start_new_session=True, cwd=directory)
+    lab.monitor_pids.append(proc.pid)
     deadline = time.monotonic() + timeout
     while not _ready(lab):
         if proc.poll() is not None or time.monotonic() > deadline:
