@@ -140,7 +140,9 @@ def start_prometheus(lab, bridge, timeout=60.0):
     deadline = time.monotonic() + timeout
     while not _ready(lab):
         if proc.poll() is not None or time.monotonic() > deadline:
-            raise LabError(f"Prometheus did not become ready within {timeout}s; see "
+            why = (f"exited with status {proc.returncode}" if proc.returncode is not None
+                   else f"not ready within {timeout}s")
+            raise LabError(f"Prometheus did not become ready ({why}); see "
                            f"{os.path.join(directory, 'prometheus.log')}:\n{log_tail(lab)}")
         time.sleep(0.2)
     return proc.pid
