@@ -131,7 +131,10 @@ def cmd_query(args):
     lab = Lab.load(args.name)
     if not lab.with_monitor:
         raise LabError(f"lab {lab.name} runs no Prometheus: start it with `lab up --monitor`")
-    for labels, value in monitor.query(lab, args.expression):
+    samples = monitor.query(lab, args.expression)
+    if not samples:
+        print("(no samples)", file=sys.stderr)
+    for labels, value in samples:
         text = ",".join(f"{key}={json.dumps(val, ensure_ascii=False)}"
                         for key, val in sorted(labels.items()))
         print(f"{{{text}}} {value:g}")

@@ -4,6 +4,7 @@ JSON (Python and Node), promtool and Prometheus; and every process of the mode e
 lab, also when its `up` fails."""
 
 import json
+import re
 import shutil
 import socket
 import struct
@@ -70,14 +71,23 @@ def tarn_info(ap, *args):
     return out
 
 
+def rule_metrics():
+    """The metric names the shipped alert rules use."""
+    with open(monitor.RULES, encoding="utf-8") as rules:
+        return set(re.findall(r"\b(tarn_[a-z_]+)\b", rules.read()))
+
+
 def plant_hostile_neighbor(lab):
-    """ap1's driver hears the hostile AP; ap1 then gets its answer from a socket in ap2.
-    (`tarn show` is not read once the answer may have arrived: it prints texts as received.)"""
+    """ap1's driver hears the hostile AP, which goes unanswered until ap1 gets its answer from
+    a socket in ap2. (`tarn show` is not read once the answer may have arrived: it prints
+    texts as received.)"""
     ap1 = lab["ap1"]
     ap1.hear({"mac": HOSTILE_MAC, "ip": HOSTILE_IP4, "ip6": HOSTILE_IP6}, radio=0, channel=11,
              rssi=33, bandwidth=20)
-    wait_for(lambda: any(row["mac"] == HOSTILE_MAC for row in ap1.show()), timeout=30,
-             what="the hostile AP in ap1's table")
+    # The unanswered rule's condition picks it from the real metrics, and only it.
+    unanswered = wait_for(lambda: monitor.query(lab, "tarn_neighbor_answered == 0"), timeout=60,
+                          what="an unanswered neighbor in Prometheus")
+    assert [(labels["ap"], labels["mac"]) for labels, _ in unanswered] == [("ap1", HOSTILE_MAC)]
     sender = udp_socket_in(lab["ap2"], port=0)
     with sender:
         def answered():
@@ -129,15 +139,18 @@ def test_prometheus_scrapes_every_ap_and_a_hostile_name_arrives_exact(make_lab):
     names = {(labels["ap"], labels["name"]) for labels, _ in
              monitor.query(lab, "tarn_neighbor_info")}
     assert names == {(ap, f"lab-{other}") for ap in aps for other in aps if other != ap}
+    # Every metric the alert rules name is one the APs report.
+    assert {name for name in rule_metrics() if not monitor.query(lab, name)} == set()
 
     plant_hostile_neighbor(lab)
     check_json_in_python_and_node(lab["ap1"])
     check_promtool(lab["ap1"])
 
-    selector = f'tarn_neighbor_info{{mac="{HOSTILE_MAC}"}}'
+    selector = f'tarn_neighbor_info{{mac="{HOSTILE_MAC}",version="6.6.6"}}'
     hostile = wait_for(lambda: monitor.query(lab, selector), timeout=60,
                        what="the hostile AP in Prometheus")
     assert len(hostile) == 1
+    assert len(monitor.query(lab, f'tarn_neighbor_info{{mac="{HOSTILE_MAC}"}}')) == 1
     labels = hostile[0][0]
     assert labels["ap"] == "ap1"
     assert labels["name"] == utf8_rule(HOSTILE_NAME)
