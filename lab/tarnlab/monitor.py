@@ -83,15 +83,15 @@ def start_ap(lab, ap):
     """Starts the writer and the exporter inside the AP (logs in the AP's state directory);
     their pids join lab.monitor_pids."""
     with open(os.path.join(ap.dir, "tarn-info.log"), "ab") as log:
-        writer = ap.popen([tarn_info_binary(lab), "--prometheus", "--output", TEXTFILE, "--interval",
-                  str(WRITE_INTERVAL)], stdout=log, stderr=subprocess.STDOUT,
-                 start_new_session=True)
+        writer = ap.popen([tarn_info_binary(lab), "--prometheus", "--output", TEXTFILE,
+                           "--interval", str(WRITE_INTERVAL)],
+                          stdout=log, stderr=subprocess.STDOUT, start_new_session=True)
     lab.monitor_pids.append(writer.pid)
     with open(os.path.join(ap.dir, "exporter.log"), "ab") as log:
         exporter = ap.popen([EXPORTER, "--collector.disable-defaults", "--collector.textfile",
-                  f"--collector.textfile.directory={TEXTFILE_DIR}",
-                  f"--web.listen-address={exporter_address(ap)}"],
-                 stdout=log, stderr=subprocess.STDOUT, start_new_session=True)
+                             f"--collector.textfile.directory={TEXTFILE_DIR}",
+                             f"--web.listen-address={exporter_address(ap)}"],
+                            stdout=log, stderr=subprocess.STDOUT, start_new_session=True)
     lab.monitor_pids.append(exporter.pid)
 
 
