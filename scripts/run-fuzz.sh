@@ -27,6 +27,7 @@ fuzz_static_file static 16384 root
 fuzz_bus_request bus 16384 root
 fuzz_show_table show 16384 -
 fuzz_command_text command 256 -
+fuzz_info_answer list 65535 -
 "
 
 cmake -S . -B "$build" -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \

@@ -64,11 +64,13 @@ std::vector<mac_addr> info_static_macs(const char *path) {
 size_t info_static_tail(const ap_info *entries, size_t count, const std::vector<mac_addr> &macs) {
     for (size_t k = std::min(count, macs.size()); k > 0; --k) {
         const ap_info *tail = entries + (count - k);
-        bool same = true;
-        for (size_t i = 0; i < k && same; ++i) {
-            same = tail[i].mac == macs[i];
+        bool in_order = true;
+        bool reversed = true;
+        for (size_t i = 0; i < k && (in_order || reversed); ++i) {
+            in_order = in_order && tail[i].mac == macs[i];
+            reversed = reversed && tail[i].mac == macs[k - 1 - i];
         }
-        if (same) {
+        if (in_order || reversed) {
             return k;
         }
     }

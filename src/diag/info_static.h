@@ -27,11 +27,13 @@ inline bool info_answered(const ap_info &info) {
 // missing or is not such a document.
 std::vector<mac_addr> info_static_macs(const char *path);
 
-// How many trailing entries of the answer are static: the daemon sends its static neighbors
-// after all learned ones, in the order of the file it writes. The largest k such that the last
-// k entries' MACs equal the file's first k MACs, in order. When file and answer disagree (the
-// file was rewritten between the answer and the read, or edited by hand), entries beyond the
-// matching prefix are taken as learned.
+// How many trailing entries of the answer are static. The daemon sends its static neighbors
+// after all learned ones, in the order of its static list: the order of the file it last wrote,
+// or the reverse of the file's order when it loaded the file (each loaded entry goes to the
+// front) and has not written it since. The largest k such that the last k entries' MACs equal
+// the file's first k MACs in order or in reverse order. When file and answer disagree (the file
+// was rewritten between the answer and the read, or edited by hand), entries beyond the
+// matching part are taken as learned.
 size_t info_static_tail(const ap_info *entries, size_t count, const std::vector<mac_addr> &macs);
 
 // The neighbors of an answer of count entries whose last static_count are static: learned
