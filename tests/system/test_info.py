@@ -2,6 +2,7 @@
 every static neighbor, a learned neighbor's claimed state, the shared answer that spares the
 driver, and the change events of --watch."""
 
+import contextlib
 import json
 import os
 import signal
@@ -274,6 +275,13 @@ def test_watch_reports_a_drop_and_the_return(make_lab):
             ap1.hear(ap3, **{k: v for k, v in radio.items()})
         _, added = wait_for(lambda: event("added"), 30, what="an added event")
         assert added["neighbor"]["mac"] == ap3.mac
+
+        def daemon_event(kind):
+            return any(e["event"] == kind for _, e in events)
+        ap1.stop_daemon()
+        wait_for(lambda: daemon_event("daemon_down"), 30, what="a daemon_down event")
+        ap1.start_daemon()
+        wait_for(lambda: daemon_event("daemon_up"), 30, what="a daemon_up event")
     finally:
         stop.set()
         proc.terminate()
@@ -305,7 +313,25 @@ def test_silent_or_missing_daemon_fails_with_a_message(make_lab):
         print(f"tarn-info {' '.join(args)} without a daemon: {time.monotonic() - started:.2f} s")
         assert (result.returncode, result.stdout) == (1, "")
         assert result.stderr.startswith("tarn-info: ") and result.stderr.count("\n") == 1
-    # The metrics file still says the daemon is down.
-    result = info(ap1, "--prometheus", "--output", "/tmp/tarn.prom")
-    assert result.returncode == 1
-    assert "\ntarn_up 0\n" in ap1.read_file("/tmp/tarn.prom")
+
+
+def test_metrics_file_kept_current_until_terminated(make_lab):
+    lab = make_lab({"count": 1, "hears": "none"})
+    ap1 = lab["ap1"]
+    metrics = ap1.path("/tmp/tarn.prom")
+
+    def metrics_say(line):
+        with contextlib.suppress(FileNotFoundError), open(metrics) as f:
+            return line in f.read()
+    proc = ap1.popen([info_binary(lab), "--prometheus", "--output", "/tmp/tarn.prom",
+                      "--interval", "1"])
+    try:
+        wait_for(lambda: metrics_say("\ntarn_up 1\n"), 30, what="tarn_up 1 in the file")
+        # Without a daemon the file still gets written, and says so.
+        ap1.stop_daemon()
+        wait_for(lambda: metrics_say("\ntarn_up 0\n"), 30, what="tarn_up 0 in the file")
+    finally:
+        proc.terminate()
+        proc.wait(timeout=10)
+    assert proc.returncode == 0
+    assert [f for f in os.listdir(os.path.dirname(metrics)) if f.endswith(".tmp")] == []
