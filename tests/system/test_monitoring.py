@@ -1,7 +1,7 @@
 """The lab's monitoring mode end to end: tarn-info's metrics written in every AP, served by
 Debian's node exporter and scraped by a real Prometheus; a hostile neighbor's texts through
 JSON (Python and Node), promtool and Prometheus; and every process of the mode ended with the
-lab, also when its `up` fails."""
+lab, also when its `up` fails. (The writer's file for a stopped daemon is test_info's.)"""
 
 import json
 import re
@@ -158,13 +158,6 @@ def test_prometheus_scrapes_every_ap_and_a_hostile_name_arrives_exact(make_lab):
     assert query_by_ap(lab, "up") == dict.fromkeys(aps, 1.0)
     assert [(t["ap"], t["health"], t["lastError"]) for t in monitor.targets(lab)
             if t["health"] != "up"] == []
-
-    # A stopped daemon: the exporter is still scraped, the writer says the daemon is gone.
-    lab["ap4"].stop_daemon()
-    wait_for(lambda: query_by_ap(lab, "tarn_up").get("ap4") == 0.0, timeout=60,
-             what="tarn_up 0 for ap4")
-    assert query_by_ap(lab, "up")["ap4"] == 1.0
-    assert "ap4" not in query_by_ap(lab, "count by (ap) (tarn_neighbor_info)")
 
     started = list(lab.monitor_pids)
     assert len(started) == 2 * len(lab.aps) + 1
