@@ -43,6 +43,10 @@ say "depends: $depends"
 
 say "service script in busybox ash with stand-ins of the OpenWrt helpers"
 busybox ash tests/package/test_tarn_init.sh
+busybox ash tests/package/test_tarn_metrics_init.sh
+
+say "alerting rules: promtool test rules"
+(cd openwrt/monitoring && promtool check rules tarn.rules.yml && promtool test rules tarn.rules.test.yml)
 
 say "manual pages"
 for page in doc/tarn.8 doc/tarn-info.8; do

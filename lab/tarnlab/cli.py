@@ -8,7 +8,7 @@ import signal
 import subprocess
 import sys
 
-from . import nsutil
+from . import monitor, nsutil
 from .lab import Lab, LabError, default_build_dir, teardown_all
 from .nsutil import pid_alive
 
@@ -34,13 +34,17 @@ def _need_root():
 def cmd_up(args):
     _need_root()
     lab = Lab(_load_scenario(args.scenario), name=args.name, build_dir=args.build_dir,
-              daemons=not args.no_daemons, simulators=not args.no_simulators)
+              daemons=not args.no_daemons, simulators=not args.no_simulators,
+              monitor=args.monitor)
     lab.up(progress=lambda text: print(f"  {text}", flush=True))
     # The lab outlives this command; only a failed `up` tears it down.
     from . import lab as labmod
     labmod._live_labs.remove(lab)
     print(f"lab {lab.name} is up: {', '.join(ap.name for ap in lab.aps)}")
     print(f"  try: lab/lab exec {lab.aps[0].name} -- tarn show")
+    if lab.with_monitor:
+        print("  Prometheus: lab/lab query 'tarn_neighbors_learned'  (or ip netns exec "
+              f"{monitor.prometheus_netns(lab)} ..., port {monitor.PROMETHEUS_PORT})")
     return 0
 
 
@@ -116,6 +120,24 @@ def cmd_status(args):
         print(f"  {ap.name:<6} {ap.mac}  {ap.ip4 or '-':<15} {ap.ip6:<20} "
               f"tarn {state(ap.daemon_pid):<14} simulator {state(ap.sim_pid):<14} "
               f"mounts {state(ap.holder_pid)}")
+    if lab.with_monitor:
+        ip4, ip6 = monitor.prometheus_addresses(lab)
+        print(f"  {monitor.PROMETHEUS_NODE:<6} {ip4:<15} {ip6:<20} "
+              f"Prometheus {state(lab.prometheus_pid)} on port {monitor.PROMETHEUS_PORT}")
+    return 0
+
+
+def cmd_query(args):
+    lab = Lab.load(args.name)
+    if not lab.with_monitor:
+        raise LabError(f"lab {lab.name} runs no Prometheus: start it with `lab up --monitor`")
+    samples = monitor.query(lab, args.expression)
+    if not samples:
+        print("(no samples)", file=sys.stderr)
+    for labels, value in samples:
+        text = ",".join(f"{key}={json.dumps(val, ensure_ascii=False)}"
+                        for key, val in sorted(labels.items()))
+        print(f"{{{text}}} {value:g}")
     return 0
 
 
@@ -169,6 +191,9 @@ def build_parser():
     up.add_argument("scenario", nargs="?", help="number of APs or scenario JSON file")
     up.add_argument("--no-daemons", action="store_true", help="build the APs, start no tarn")
     up.add_argument("--no-simulators", action="store_true", help="start no driver simulator")
+    up.add_argument("--monitor", action="store_true",
+                    help="on every AP the metrics writer and a node exporter; a Prometheus "
+                    "server scraping them")
     up.set_defaults(func=cmd_up)
 
     ex = sub.add_parser("exec", help="run a command inside an AP: exec ap1 -- tarn show")
@@ -200,6 +225,10 @@ def build_parser():
 
     status = sub.add_parser("status", help="what runs in the lab")
     status.set_defaults(func=cmd_status)
+
+    query = sub.add_parser("query", help="instant query to the lab's Prometheus (--monitor)")
+    query.add_argument("expression")
+    query.set_defaults(func=cmd_query)
 
     down = sub.add_parser("down", help="stop the lab and remove everything it made")
     down.add_argument("--all", action="store_true", help="every lab on this machine")

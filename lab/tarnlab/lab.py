@@ -23,7 +23,7 @@ import subprocess
 import sys
 import time
 
-from . import nsutil, scenario as scen, standins
+from . import monitor, nsutil, scenario as scen, standins
 from .ap import Ap
 from .nsutil import LabError
 
@@ -51,7 +51,7 @@ class Lab:
     """A set of virtual APs. Use as a context manager, or call up() and down()."""
 
     def __init__(self, scenario=None, name="default", build_dir=None, owner_pid=None,
-                 bridge=True, simulators=True, daemons=True):
+                 bridge=True, simulators=True, daemons=True, monitor=False):
         if not LAB_NAME_RE.match(name):
             raise LabError(f"lab name {name!r}: 1 to 16 lower-case letters or digits")
         self.name = name
@@ -61,6 +61,9 @@ class Lab:
         self.with_bridge = bridge
         self.with_simulators = simulators
         self.with_daemons = daemons
+        self.with_monitor = monitor
+        self.prometheus_pid = None
+        self.monitor_pids = []  # writers, exporters and Prometheus, ended with the lab
         self.state_dir = os.path.join(STATE_ROOT, name)
         self.aps = [Ap(self, config) for config in self.scenario["aps"]]
         self.bridge_netns = netns_name(name, "br")
@@ -114,7 +117,9 @@ class Lab:
             return
         state = {"name": self.name, "owner_pid": self.owner_pid, "build_dir": self.build_dir,
                  "bridge": self.with_bridge, "simulators": self.with_simulators,
-                 "daemons": self.with_daemons, "bridge_netns": self.bridge_netns,
+                 "daemons": self.with_daemons, "monitor": self.with_monitor,
+                 "prometheus_pid": self.prometheus_pid, "monitor_pids": self.monitor_pids,
+                 "bridge_netns": self.bridge_netns,
                  "scenario": self.scenario, "aps": [ap.to_state() for ap in self.aps]}
         tmp = os.path.join(self.state_dir, "lab.json.new")
         with open(tmp, "w", encoding="utf-8") as handle:
@@ -138,6 +143,9 @@ class Lab:
         lab.with_bridge = state["bridge"]
         lab.with_simulators = state["simulators"]
         lab.with_daemons = state["daemons"]
+        lab.with_monitor = state.get("monitor", False)
+        lab.prometheus_pid = state.get("prometheus_pid")
+        lab.monitor_pids = state.get("monitor_pids", [])
         lab.state_dir = os.path.join(STATE_ROOT, lab.name)
         lab.bridge_netns = state["bridge_netns"]
         lab.aps = []
@@ -182,6 +190,10 @@ class Lab:
         if self.with_daemons and not os.access(self.tarn_binary, os.X_OK):
             raise LabError(f"no tarn executable at {self.tarn_binary}: build it first "
                            f"(cmake -S . -B build && make -C build), or set TARN_BUILD_DIR")
+        if self.with_monitor:
+            if not (self.with_bridge and self.with_daemons):
+                raise LabError("monitoring needs the bridge and the daemons")
+            monitor.check_ready(self)
         say = progress or (lambda text: None)
         with self._locked():
             existing = self.leftovers()
@@ -214,6 +226,13 @@ class Lab:
                         ap.start_daemon(wait=False)
                     for ap in self.aps:
                         ap.wait_daemon_ready()
+                if self.with_monitor:
+                    for ap in self.aps:
+                        say(f"{ap.name}: metrics writer and exporter")
+                        monitor.start_ap(self, ap)
+                    say("Prometheus")
+                    self.prometheus_pid = monitor.start_prometheus(self, BRIDGE)
+                    self.save()
                 if self.with_simulators:
                     # Beacons begin once every daemon listens: a probe sent to a daemon that
                     # is not up yet would wait for the next learning pass (150 s).
@@ -265,8 +284,9 @@ class Lab:
             self._link_pair(ns, vap, "vp" + vap[3:])
         for radio in range(cfg["radios"]):
             self._link_pair(ns, f"wifi{radio}", f"rp{radio}")
+        tmpfs_dirs = TMPFS_DIRS + ((monitor.TEXTFILE_DIR,) if self.with_monitor else ())
         ap.holder_pid = nsutil.start_holder(
-            ns, TMPFS_DIRS, AP_MKDIRS, os.path.join(ap.dir, "holder.log"),
+            ns, tmpfs_dirs, AP_MKDIRS, os.path.join(ap.dir, "holder.log"),
             keep=sorted({self.build_dir, LAB_DIR, os.path.dirname(sys.executable)}),
             stash_dir=os.path.join(ap.dir, "stash"))
         self._write_platform(ap)
