@@ -31,6 +31,16 @@ check_binary() {
 say "service script with stand-ins of the OpenWrt helpers"
 sh tests/package/test_tarn_init.sh
 
+say "neighbor page and LuCI application: the AP's shell parses the CGI and the rpcd plugin"
+for script in openwrt/tarn-www/files/www/cgi-bin/tarn-neighbors \
+    openwrt/luci-app-tarn/root/usr/libexec/rpcd/luci.tarn; do
+    busybox sh -n "$script"
+    if [ ! -x "$script" ]; then
+        echo "$script must be executable: uhttpd and rpcd run it directly" >&2
+        exit 1
+    fi
+done
+
 say "manual page"
 warnings=$(MANWIDTH=80 man -l doc/tarn.8 2>&1 >/dev/null)
 if [ -n "$warnings" ]; then
