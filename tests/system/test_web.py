@@ -103,7 +103,7 @@ def test_page_matches_the_lab_and_tarn_info_and_drops_a_lost_ap(make_lab):
     lab = make_lab(4)
     lab.wait_discovered(timeout=90)
     ap1 = lab["ap1"]
-    with PageServer(ap1) as server, browser(ap1.netns, width=1200, height=520) as driver:
+    with PageServer(ap1) as server, browser(ap1.netns, width=1240, height=640) as driver:
         open_page(driver, server)
         want = expected_rows(lab, ap1)
         assert set(want) == {lab["ap2"].mac, lab["ap3"].mac, lab["ap4"].mac}
