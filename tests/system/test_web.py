@@ -19,14 +19,14 @@ POLL = 5
 # One refresh, plus the age tarn-info's shared answer may have, plus room for a loaded machine.
 REFRESH_WAIT = POLL + 5 + 25
 HOSTILE = "<img src=x onerror=alert(1)>\n"
+BUILD = os.environ.get("TARN_BUILD_DIR", os.path.join(os.path.dirname(__file__), "..", "..",
+                                                     "build"))
 
 
 @pytest.fixture(autouse=True)
-def _tarn_info(make_lab):
-    build = os.environ.get("TARN_BUILD_DIR", os.path.join(os.path.dirname(__file__), "..",
-                                                           "..", "build"))
-    if not os.access(os.path.join(build, "tarn-info"), os.X_OK):
-        pytest.fail(f"no tarn-info in {build}: build first")
+def _tarn_info():
+    if not os.access(os.path.join(BUILD, "tarn-info"), os.X_OK):
+        pytest.fail(f"no tarn-info in {BUILD}: build first")
 
 
 def open_page(driver, server):
@@ -72,10 +72,8 @@ def fetch(url):
 
 
 def screenshot_path():
-    build = os.environ.get("TARN_BUILD_DIR", os.path.join(os.path.dirname(__file__), "..",
-                                                           "..", "build"))
-    os.makedirs(os.path.join(build, "web"), exist_ok=True)
-    return os.path.join(build, "web", "neighbor-page.png")
+    os.makedirs(os.path.join(BUILD, "web"), exist_ok=True)
+    return os.path.join(BUILD, "web", "neighbor-page.png")
 
 
 def expected_rows(lab, listener):
