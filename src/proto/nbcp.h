@@ -97,7 +97,7 @@ constexpr size_t nbcp_list_entries_bound(size_t len) {
 // nbcp_list_entries_bound(len) to take every entry). entries is a zero-filled array. Returns
 // the number of entries closed by their end-of-entry element. *complete (when given) tells
 // whether the walk met the list's end mark inside the reply with no entry left open and no
-// entry left out for want of capacity. Returns 0 when a pointer is null or len is shorter than
-// the local header.
+// entry left out for want of capacity. Returns 0 when reply is null, entries is null with a
+// non-zero capacity, or len is shorter than the local header.
 size_t nbcp_list_read_whole(const uint8_t *reply, size_t len, ap_info *entries, size_t capacity,
                             bool *complete);

@@ -144,7 +144,7 @@ size_t nbcp_list_read_whole(const uint8_t *reply, size_t len, ap_info *entries, 
     if (complete != nullptr) {
         *complete = false;
     }
-    if (reply == nullptr || entries == nullptr || len < NBCP_LIST_HDR_LEN) {
+    if (reply == nullptr || (entries == nullptr && capacity > 0) || len < NBCP_LIST_HDR_LEN) {
         return 0;
     }
     size_t index = 0;
