@@ -48,6 +48,16 @@ busybox ash tests/package/test_tarn_metrics_init.sh
 say "alerting rules: promtool test rules"
 (cd openwrt/monitoring && promtool check rules tarn.rules.yml && promtool test rules tarn.rules.test.yml)
 
+say "neighbor page and LuCI application: the AP's shell parses the CGI and the rpcd plugin"
+for script in openwrt/tarn-www/files/www/cgi-bin/tarn-neighbors \
+    openwrt/luci-app-tarn/root/usr/libexec/rpcd/luci.tarn; do
+    busybox sh -n "$script"
+    if [ ! -x "$script" ]; then
+        echo "$script must be executable: uhttpd and rpcd run it directly" >&2
+        exit 1
+    fi
+done
+
 say "manual pages"
 for page in doc/tarn.8 doc/tarn-info.8; do
     warnings=$(MANWIDTH=80 man -l "$page" 2>&1 >/dev/null)

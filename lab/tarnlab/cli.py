@@ -173,6 +173,19 @@ def cmd_graph(args):
     return 0
 
 
+def cmd_web(args):
+    _need_root()
+    from .web import PageServer
+    lab = Lab.load(args.name)
+    ap = lab.ap(args.ap)
+    server = PageServer(ap, port=args.port).start(detach=True)
+    print(f"{ap.name} serves the neighbor page at {server.url()} (busybox httpd, pid "
+          f"{server.proc.pid}; `lab down` ends it)")
+    print(f"  the address lies inside the lab: lab/lab exec {ap.name} -- busybox wget -qO- "
+          f"{server.base_url}/cgi-bin/tarn-neighbors")
+    return 0
+
+
 def cmd_demo(args):
     from .demo import run_demo
     return run_demo(count=args.count, timeout=args.timeout, name=args.name,
@@ -246,6 +259,12 @@ def build_parser():
     graph.add_argument("--out", help="output file (default /tmp/tarn-lab-NAME.FORMAT)")
     graph.add_argument("--format", default="svg", choices=("svg", "png"))
     graph.set_defaults(func=cmd_graph)
+
+    web = sub.add_parser("web", help="serve the neighbor page from AP (busybox httpd on its "
+                         "uplink address, CGI running tarn-info)")
+    web.add_argument("ap")
+    web.add_argument("--port", type=int, default=8080)
+    web.set_defaults(func=cmd_web)
 
     demo = sub.add_parser("demo", help="four APs discover each other; prints AP 1's tables")
     demo.add_argument("--count", type=int, default=4)
