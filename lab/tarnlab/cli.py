@@ -33,7 +33,11 @@ def _need_root():
 
 def cmd_up(args):
     _need_root()
-    lab = Lab(_load_scenario(args.scenario), name=args.name, build_dir=args.build_dir,
+    scenario = _load_scenario(args.scenario)
+    if args.debug:
+        scenario = {"count": scenario} if isinstance(scenario, int) else dict(scenario)
+        scenario["debug"] = True
+    lab = Lab(scenario, name=args.name, build_dir=args.build_dir,
               daemons=not args.no_daemons, simulators=not args.no_simulators)
     lab.up(progress=lambda text: print(f"  {text}", flush=True))
     # The lab outlives this command; only a failed `up` tears it down.
@@ -100,6 +104,9 @@ def cmd_logs(args):
         return subprocess.call(["tail", "-n", "+1", "-f", path])
     with open(path, encoding="utf-8", errors="replace") as handle:
         sys.stdout.write(handle.read())
+    if args.what in ("tarn", "driver") and os.path.getsize(path) >= ap.log_limit:
+        print(f"lab: {path} reached the lab's log limit of {ap.log_limit} bytes; later lines "
+              f"were not kept", file=sys.stderr)
     return 0
 
 
@@ -169,6 +176,8 @@ def build_parser():
     up.add_argument("scenario", nargs="?", help="number of APs or scenario JSON file")
     up.add_argument("--no-daemons", action="store_true", help="build the APs, start no tarn")
     up.add_argument("--no-simulators", action="store_true", help="start no driver simulator")
+    up.add_argument("--debug", action="store_true",
+                    help="daemons log with -D (each AP's log keeps its first 1 MiB)")
     up.set_defaults(func=cmd_up)
 
     ex = sub.add_parser("exec", help="run a command inside an AP: exec ap1 -- tarn show")
