@@ -15,17 +15,24 @@ if(CMAKE_BUILD_TYPE MATCHES "^(Release|MinSizeRel)$")
   target_compile_options(tarn_core PRIVATE ${TARN_SIZE_OPTIONS})
   target_compile_options(tarn_bus_binding PRIVATE ${TARN_SIZE_OPTIONS})
   target_compile_options(tarn PRIVATE ${TARN_SIZE_OPTIONS})
+  target_compile_options(tarn-info PRIVATE ${TARN_SIZE_OPTIONS})
   # The receive path's decode runs for every datagram from the network: its few hundred bytes
   # of code are built for speed (memset and memcpy as library calls, not byte loops).
   set_source_files_properties(${PROJECT_SOURCE_DIR}/src/proto/nbcp_parse.cpp
                               ${PROJECT_SOURCE_DIR}/src/proto/nbcp_touched.cpp
                               ${PROJECT_SOURCE_DIR}/src/proto/nbcp_wire.cpp
                               TARGET_DIRECTORY tarn_core PROPERTIES COMPILE_OPTIONS -O2)
-  target_link_options(tarn PRIVATE -static-libstdc++ -static-libgcc -Wl,--gc-sections
-                      -Wl,--as-needed -s)
+  foreach(program tarn tarn-info)
+    target_link_options(${program} PRIVATE -static-libstdc++ -static-libgcc -Wl,--gc-sections
+                        -Wl,--as-needed -s)
+  endforeach()
+  # tarn-info's code fits in a few pages: one read-only and executable segment instead of
+  # separate page-aligned ones saves it the padding between them.
+  target_link_options(tarn-info PRIVATE -Wl,-z,noseparate-code)
 endif()
 
-# Only the daemon and its manual page: tarn-bus, the lab, the tests and the benchmarks are
+# Only the daemon, its reader tarn-info and their manual pages: tarn-bus, the lab, the tests and the benchmarks are
 # development tools.
-install(TARGETS tarn RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
-install(FILES ${CMAKE_CURRENT_SOURCE_DIR}/doc/tarn.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
+install(TARGETS tarn tarn-info RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
+install(FILES ${CMAKE_CURRENT_SOURCE_DIR}/doc/tarn.8 ${CMAKE_CURRENT_SOURCE_DIR}/doc/tarn-info.8
+        DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)

@@ -31,13 +31,15 @@ check_binary() {
 say "service script with stand-ins of the OpenWrt helpers"
 sh tests/package/test_tarn_init.sh
 
-say "manual page"
-warnings=$(MANWIDTH=80 man -l doc/tarn.8 2>&1 >/dev/null)
-if [ -n "$warnings" ]; then
-    echo "man -l doc/tarn.8: $warnings" >&2
-    exit 1
-fi
-MANWIDTH=80 man -l doc/tarn.8 | head -4
+say "manual pages"
+for page in doc/tarn.8 doc/tarn-info.8; do
+    warnings=$(MANWIDTH=80 man -l "$page" 2>&1 >/dev/null)
+    if [ -n "$warnings" ]; then
+        echo "man -l $page: $warnings" >&2
+        exit 1
+    fi
+    MANWIDTH=80 man -l "$page" | head -4
+done
 
 bus_x86=(-DTARN_BUS=embedded)
 bus_a64=(-DTARN_BUS=embedded)
@@ -70,14 +72,22 @@ cmake -S "$pkg_sources" -B "$out/x86_64" -DCMAKE_BUILD_TYPE=Release -DCMAKE_INST
 cmake --build "$out/x86_64" -j"$JOBS"
 rm -rf "$out/x86_64/stage"
 DESTDIR="$PWD/$out/x86_64/stage" cmake --install "$out/x86_64" >/dev/null
-staged=$(cd "$out/x86_64/stage" && find . ! -type d | sort)
+staged=$(cd "$out/x86_64/stage" && find . ! -type d | LC_ALL=C sort)
 echo "$staged"
-expected=$'./usr/sbin/tarn\n./usr/share/man/man8/tarn.8'
+expected=$'./usr/sbin/tarn\n./usr/sbin/tarn-info\n./usr/share/man/man8/tarn-info.8\n./usr/share/man/man8/tarn.8'
 if [ "$staged" != "$expected" ]; then
     echo "the install tree holds other files than: $expected" >&2
     exit 1
 fi
 check_binary x86-64 "$out/x86_64/tarn"
+check_binary x86-64 "$out/x86_64/tarn-info"
+# The AP's flash is small: both programs of the package, stripped, within 300 KB.
+package_bytes=$(( $(stat -c %s "$out/x86_64/tarn") + $(stat -c %s "$out/x86_64/tarn-info") ))
+say "x86-64: tarn + tarn-info: $package_bytes bytes stripped (at most 300000)"
+if [ "$package_bytes" -gt 300000 ]; then
+    echo "tarn and tarn-info together are $package_bytes bytes, above 300000" >&2
+    exit 1
+fi
 
 say "AArch64 cross build, unit tests under qemu-user"
 PKG_CONFIG_LIBDIR=$pkg_config_aarch64 cmake -S . -B "$out/aarch64" \

@@ -34,6 +34,8 @@ constexpr uint32_t NBCP_LIST_ENTRIES_MAX =
     (NBCP_LIST_MAX - NBCP_LIST_HDR_LEN - NBCP_END_LEN) / NBCP_LIST_ENTRY_MAX;
 static_assert(NBCP_LIST_ENTRIES_MAX >= 64 + STATIC_NGBR_MAX,
               "a full neighbor table and every static neighbor fit one list datagram");
+// The shortest element that closes a list entry: type, length and one value byte.
+constexpr size_t NBCP_LIST_ENTRY_END_MIN = 5;
 // The reader stops once it has consumed this many bytes after the local header.
 constexpr uint32_t NBCP_LIST_WALK_LIMIT = 12000;
 
@@ -83,3 +85,19 @@ int nbcp_parse(const uint8_t *data, size_t len, nbcp_msg *msg, nbcp_touched *tou
 // are complete: later entries are neither stored nor counted, so the result never exceeds
 // capacity. Returns 0 when a pointer is null.
 size_t nbcp_list_read(const uint8_t *reply, size_t len, ap_info *entries, size_t capacity);
+
+// The most entries a neighbor-list reply of len bytes can close: each needs at least its
+// 5-byte end-of-entry element.
+constexpr size_t nbcp_list_entries_bound(size_t len) {
+    return len > NBCP_LIST_HDR_LEN ? (len - NBCP_LIST_HDR_LEN) / NBCP_LIST_ENTRY_END_MIN : 0;
+}
+
+// Reads a whole neighbor-list reply of len bytes, for readers that are not bound by the show
+// commands' limits: the walk is bounded only by len and by capacity (size it with
+// nbcp_list_entries_bound(len) to take every entry). entries is a zero-filled array. Returns
+// the number of entries closed by their end-of-entry element. *complete (when given) tells
+// whether the walk met the list's end mark inside the reply with no entry left open and no
+// entry left out for want of capacity. Returns 0 when a pointer is null or len is shorter than
+// the local header.
+size_t nbcp_list_read_whole(const uint8_t *reply, size_t len, ap_info *entries, size_t capacity,
+                            bool *complete);

@@ -46,7 +46,9 @@ uint32_t put_list_entry(uint8_t *out, const ap_info &info) {
 }
 
 // Stores one element of the current entry; returns false for codes an entry does not hold.
-bool read_entry_element(nbcp_decoder &d, uint16_t type, uint16_t len, ap_info &info) {
+// limit bounds the walk over the entry's radios.
+bool read_entry_element(nbcp_decoder &d, uint32_t limit, uint16_t type, uint16_t len,
+                        ap_info &info) {
     switch (type) {
         case LIST_IP:
             info.ip = nbcp_get_u32(d);
@@ -86,7 +88,7 @@ bool read_entry_element(nbcp_decoder &d, uint16_t type, uint16_t len, ap_info &i
             return true;
         case LIST_RADIOCNT:
             info.radiocnt = nbcp_get_u8(d);
-            nbcp_read_radios<LIST_RADIO_CODES>(d, NBCP_LIST_WALK_LIMIT, info.radiocnt, info.radio);
+            nbcp_read_radios<LIST_RADIO_CODES>(d, limit, info.radiocnt, info.radio);
             return true;
         default:
             return false;
@@ -130,8 +132,51 @@ size_t nbcp_list_read(const uint8_t *reply, size_t len, ap_info *entries, size_t
         if (type == LIST_ENTRY_END) {
             nbcp_get_u8(d);
             ++index;
-        } else if (!read_entry_element(d, type, len_field, entries[index])) {
+        } else if (!read_entry_element(d, NBCP_LIST_WALK_LIMIT, type, len_field, entries[index])) {
             nbcp_skip(d, len_field);
+        }
+    }
+    return index;
+}
+
+size_t nbcp_list_read_whole(const uint8_t *reply, size_t len, ap_info *entries, size_t capacity,
+                            bool *complete) {
+    if (complete != nullptr) {
+        *complete = false;
+    }
+    if (reply == nullptr || entries == nullptr || len < NBCP_LIST_HDR_LEN) {
+        return 0;
+    }
+    size_t index = 0;
+    bool entry_open = false;
+    nbcp_decoder d = nbcp_decoder_at(reply, len, NBCP_LIST_HDR_LEN);
+    const auto limit = static_cast<uint32_t>(d.len);
+    while (d.consumed < limit) {
+        uint16_t type;
+        uint16_t len_field;
+        nbcp_get_tl(d, type, len_field);
+        if (type != 0 && index == capacity) {
+            break;  // an entry beyond the caller's array: left out, so not complete
+        }
+        if (type == 0) {
+            // Zeros read past the datagram are no end mark: its two bytes must lie inside it.
+            if (complete != nullptr) {
+                *complete = d.consumed - NBCP_TL_LEN + NBCP_END_LEN <= limit && !entry_open;
+            }
+            break;
+        }
+        if (type == LIST_ENTRY_END) {
+            nbcp_get_u8(d);
+            if (d.consumed > limit) {
+                break;  // an end whose value byte is missing closes nothing
+            }
+            ++index;
+            entry_open = false;
+        } else {
+            entry_open = true;
+            if (!read_entry_element(d, limit, type, len_field, entries[index])) {
+                nbcp_skip(d, len_field);
+            }
         }
     }
     return index;

@@ -154,27 +154,6 @@ cjson_text file_text_of_list(bool cluster) {
 
 }  // namespace
 
-int parse_mac_text(const char *text, mac_addr &out) {
-    if (text == nullptr || strnlen(text, MAC_TEXT_MAX + 1) > MAC_TEXT_MAX) {
-        return -1;
-    }
-    char work[MAC_TEXT_MAX + 1] = {};
-    strncpy(work, text, MAC_TEXT_MAX);
-    mac_addr parsed = out;
-    int groups = 0;
-    char *save = nullptr;
-    // Like every ":"-cutting of this text, empty groups between two colons are skipped.
-    for (char *group = strtok_r(work, ":", &save); group != nullptr;
-         group = strtok_r(nullptr, ":", &save)) {
-        if (groups == MAC_GROUPS_MAX) {
-            return -1;
-        }
-        parsed[groups++] = static_cast<uint8_t>(strtol(group, nullptr, 16) & 0xff);
-    }
-    out = parsed;
-    return 0;
-}
-
 std::unique_ptr<char[]> read_whole_file(const char *path) {
     // Non-blocking so that a FIFO planted at the path cannot stall the caller; only regular
     // files are read.
