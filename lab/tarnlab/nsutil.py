@@ -11,6 +11,7 @@ import os
 import shlex
 import signal
 import subprocess
+import threading
 import time
 
 NETNS_DIR = "/run/netns"
@@ -202,7 +203,8 @@ def spawn_holder(netns, tmpfs_dirs, mkdirs, log_path, keep=(), stash_dir=None):
     with open(log_path, "ab") as log:
         proc = subprocess.Popen(argv, stdout=subprocess.PIPE, stderr=log,
                                 stdin=subprocess.DEVNULL, start_new_session=True)
-    _spawned.append(proc)
+    with _spawned_lock:
+        _spawned.append(proc)
     proc.holder_of = (netns, log_path)
     return proc
 
@@ -221,19 +223,21 @@ def wait_holder(proc):
 # Children started by this process. The holders, daemons and simulators of a command-line lab
 # outlive the command; inside a test run they are reaped here once teardown has ended them.
 _spawned = []
+_spawned_lock = threading.Lock()
 
 
 def spawn(argv, **kwargs):
     proc = subprocess.Popen(argv, **kwargs)
-    _spawned.append(proc)
+    with _spawned_lock:
+        _spawned.append(proc)
     return proc
 
 
 def reap():
-    """Collects the exit status of children that have ended, so none stays a zombie."""
-    for proc in list(_spawned):
-        if proc.poll() is not None:
-            _spawned.remove(proc)
+    """Collects the exit status of children that have ended, so none stays a zombie. Safe
+    from several threads (the lab reads many APs' tables side by side)."""
+    with _spawned_lock:
+        _spawned[:] = [proc for proc in _spawned if proc.poll() is None]
 
 
 _libc = ctypes.CDLL(None, use_errno=True)
