@@ -2,7 +2,8 @@
 
 Everything here shells out to iproute2 and util-linux (ip, nsenter, unshare), except
 `netns_entered`, which switches the calling thread's network namespace with setns(2) so that
-sockets can be opened inside an AP from the test process itself.
+sockets can be opened (and /proc/sys/net values written, `sysctl_in`) inside an AP from this
+process itself.
 """
 
 import contextlib
