@@ -110,3 +110,20 @@ def test_each_aps_log_and_driver_record_stop_at_the_limit(make_lab):
     assert sum(len(line) + 1 for line in lines[:-1]) <= limit
     assert json.loads(lines[-1])["what"] == "record limit reached"
     assert ap1.driver_record("rx")  # what came before the limit still reads
+
+
+def test_a_fleet_of_the_most_aps_fills_every_table(make_lab):
+    """128 APs, each hearing the 127 others: every table ends with min(heard, 64) entries with
+    name and version (about 45 s in all on a 2-core machine)."""
+    from tarnlab import scale
+    lab = make_lab({"count": scen.MAX_APS, "debug": False})
+    heard = scale.heard_macs(lab)
+
+    def every_table_full():
+        status = scale.table_status(lab, heard=heard)
+        return all(have >= want for have, want in status.values()) and status
+
+    # Generous: an answer lost on a busy machine is asked for again by the learning pass
+    # (every 150 s).
+    status = wait_for(every_table_full, 400, what="every table full")
+    assert set(status.values()) == {(scale.TABLE_MAX, scale.TABLE_MAX)}
