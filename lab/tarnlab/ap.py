@@ -198,13 +198,6 @@ class Ap:
         signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
         resource.setrlimit(resource.RLIMIT_FSIZE, (self.log_limit, self.log_limit))
 
-    def log_full(self):
-        """True when the daemon log reached log_limit (later lines were not kept)."""
-        try:
-            return os.path.getsize(self.log_path) >= self.log_limit
-        except FileNotFoundError:
-            return False
-
     def wait_daemon_ready(self, timeout=10.0):
         """Waits until the daemon has bound its local socket; fails if it exits first."""
         deadline = time.monotonic() + timeout
