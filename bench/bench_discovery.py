@@ -228,7 +228,8 @@ def main():
         sys.exit("needs root (network and mount namespaces)")
 
     count = options.peers + 2  # AP 1, the peers, the responder's AP
-    scenario = {"count": count, "hears": "none", "defaults": {"beacon_interval": 0}}
+    scenario = {"count": count, "hears": "none", "defaults": {"beacon_interval": 0},
+                "debug": True, "log_limit": 64 << 20}  # the end of each cycle is a log line
     with labmod.Lab(scenario, name=f"bench{os.getpid()}") as lab:
         ap1 = lab["ap1"]
         peers = [lab[f"ap{k}"] for k in range(2, options.peers + 2)]

@@ -258,7 +258,8 @@ def codec_ratios(build_dir):
 
 
 def latency(build_dir, label, cycles, echoes):
-    scenario = {"count": 3, "hears": "none", "defaults": {"beacon_interval": 0}}
+    scenario = {"count": 3, "hears": "none", "defaults": {"beacon_interval": 0},
+                "debug": True, "log_limit": 64 << 20}  # the end of each cycle is a log line
     with labmod.Lab(scenario, name=f"bl{os.getpid() % 100000}{label}",
                     build_dir=build_dir) as lab:
         ap1, ap2, ap3 = lab["ap1"], lab["ap2"], lab["ap3"]

@@ -29,13 +29,20 @@ if(NOT TARN_BUS STREQUAL "embedded")
   endif()
 endif()
 
+# Whichever binding is chosen becomes the object library tarn_bus_binding: its objects go into
+# the tarn executable, which is the one place the choice is made. The core library knows only the
+# binding's entry points (ubus/ubus_service.h), so tarn_core links no bus and the development
+# bus's library links no tarn_core; each executable that needs a bus links
+# "tarn_bus_binding tarn_core" in that order.
 if(TARN_HAVE_UBUS)
   message(STATUS "Bus service: platform ubus (${UBUS_LIBRARY})")
-  target_sources(tarn_core PRIVATE ${PROJECT_SOURCE_DIR}/src/ubus/binding_ubus.cpp)
+  add_library(tarn_bus_binding OBJECT ${PROJECT_SOURCE_DIR}/src/ubus/binding_ubus.cpp)
+  target_include_directories(tarn_bus_binding PRIVATE
+                             $<TARGET_PROPERTY:tarn_core,INTERFACE_INCLUDE_DIRECTORIES>)
   # System headers: their warnings are theirs, not ours to fail the build on.
-  target_include_directories(tarn_core SYSTEM PUBLIC ${UBOX_INCLUDE_DIR} ${UBUS_INCLUDE_DIR})
-  target_link_libraries(tarn_core PUBLIC ${UBUS_LIBRARY} ${BLOBMSG_JSON_LIBRARY} ${UBOX_LIBRARY})
-  target_compile_definitions(tarn_core PUBLIC TARN_HAVE_UBUS)
+  target_include_directories(tarn_bus_binding SYSTEM PUBLIC ${UBOX_INCLUDE_DIR} ${UBUS_INCLUDE_DIR})
+  target_link_libraries(tarn_bus_binding INTERFACE ${UBUS_LIBRARY} ${BLOBMSG_JSON_LIBRARY}
+                                                   ${UBOX_LIBRARY})
 elseif(EXISTS ${PROJECT_SOURCE_DIR}/devbus/CMakeLists.txt)
   message(STATUS "Bus service: embedded development bus, with the tarn-bus command")
   add_subdirectory(${PROJECT_SOURCE_DIR}/devbus ${PROJECT_BINARY_DIR}/devbus)

@@ -13,6 +13,7 @@ if(CMAKE_BUILD_TYPE MATCHES "^(Release|MinSizeRel)$")
   set(TARN_SIZE_OPTIONS -Os -ffunction-sections -fdata-sections -fno-exceptions -fno-rtti
                         -fno-asynchronous-unwind-tables)
   target_compile_options(tarn_core PRIVATE ${TARN_SIZE_OPTIONS})
+  target_compile_options(tarn_bus_binding PRIVATE ${TARN_SIZE_OPTIONS})
   target_compile_options(tarn PRIVATE ${TARN_SIZE_OPTIONS})
   target_compile_options(tarn-info PRIVATE ${TARN_SIZE_OPTIONS})
   # The receive path's decode runs for every datagram from the network: its few hundred bytes

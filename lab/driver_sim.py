@@ -4,7 +4,7 @@
     driver_sim.py --port N --record FILE --control SOCKET [--config FILE]
 
 The config file (JSON) may hold: heard (list of heard APs), beacon_interval, confirm,
-answer_cache, daemon_port. See tarnlab/simulator.py for the control commands.
+answer_cache, daemon_port, record_limit (bytes the record may reach; default unbounded). See tarnlab/simulator.py for the control commands.
 """
 
 import argparse
@@ -34,7 +34,8 @@ def main():
         port=args.port, record_path=args.record, control_path=args.control,
         heard=config.get("heard", []), daemon_port=config.get("daemon_port", 4),
         beacon_interval=config.get("beacon_interval", DEFAULT_BEACON_INTERVAL),
-        confirm=config.get("confirm", True), answer_cache=config.get("answer_cache", True))
+        confirm=config.get("confirm", True), answer_cache=config.get("answer_cache", True),
+        record_limit=config.get("record_limit"))
 
     def stop(_signum, _frame):
         # Raising leaves select() at once; run() closes the sockets on the way out.

@@ -5,11 +5,13 @@ import contextlib
 import json
 import os
 import re
+import resource
 import signal
 import subprocess
 import time
 
 from . import nsutil, show, simulator, standins
+from .scenario import DEFAULT_LOG_LIMIT
 from .nsutil import LabError
 
 SYSTEM_PATH = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"
@@ -139,9 +141,11 @@ class Ap:
     # ----- daemon -------------------------------------------------------------------------
 
     def start_daemon(self, args=None, env=None, driver_port="config", wait=True,
-                     timeout=10.0):
-        """Starts tarn in the AP with its log in tarn.log. `driver_port` None leaves
-        TARN_DRIVER_PORT unset (the daemon then looks for the real driver protocol)."""
+                     timeout=10.0, record=True):
+        """Starts tarn in the AP with its log in tarn.log (at most the scenario's log_limit
+        bytes: the first ones). `driver_port` None leaves TARN_DRIVER_PORT unset (the daemon
+        then looks for the real driver protocol). `record` False leaves lab.json to the
+        caller, who starts many."""
         if self.daemon is not None and self.daemon.poll() is None:
             raise LabError(f"{self.name}: the daemon is already running")
         args = self.config["daemon_args"] if args is None else list(args)
@@ -154,12 +158,25 @@ class Ap:
         self.log_mark()
         with open(self.log_path, "ab") as log:
             self.daemon = self.popen([self.lab.tarn_binary] + args, env=extra, stdout=log,
-                                     stderr=subprocess.STDOUT, start_new_session=True)
+                                     stderr=subprocess.STDOUT, start_new_session=True,
+                                     preexec_fn=self._bounded_files)
         self.daemon_pid = self.daemon.pid
-        self.lab.save()
+        if record:
+            self.lab.save()
         if wait:
             self.wait_daemon_ready(timeout)
         return self.daemon
+
+    @property
+    def log_limit(self):
+        return self.lab.scenario.get("log_limit", DEFAULT_LOG_LIMIT)
+
+    def _bounded_files(self):
+        """In the daemon's child, before exec: no file it (or a command it runs) writes grows
+        past log_limit. A write past it fails instead of ending the process: SIGXFSZ ignored,
+        as ignored signals stay ignored across exec."""
+        signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
+        resource.setrlimit(resource.RLIMIT_FSIZE, (self.log_limit, self.log_limit))
 
     def wait_daemon_ready(self, timeout=10.0):
         """Waits until the daemon has bound its local socket; fails if it exits first."""

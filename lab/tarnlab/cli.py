@@ -1,5 +1,5 @@
-"""Command line of the lab: lab up|exec|hear|unhear|drop|cache|logs|status|converge|graph|down|
-demo."""
+"""Command line of the lab: lab up|exec|hear|unhear|drop|leave|cache|logs|status|converge|graph|
+down|demo."""
 
 import argparse
 import json
@@ -33,7 +33,11 @@ def _need_root():
 
 def cmd_up(args):
     _need_root()
-    lab = Lab(_load_scenario(args.scenario), name=args.name, build_dir=args.build_dir,
+    scenario = _load_scenario(args.scenario)
+    if args.debug:
+        scenario = {"count": scenario} if isinstance(scenario, int) else dict(scenario)
+        scenario["debug"] = True
+    lab = Lab(scenario, name=args.name, build_dir=args.build_dir,
               daemons=not args.no_daemons, simulators=not args.no_simulators,
               monitor=args.monitor)
     lab.up(progress=lambda text: print(f"  {text}", flush=True))
@@ -89,6 +93,26 @@ def cmd_drop(args):
     return 0
 
 
+def cmd_leave(args):
+    """The AP goes off the air: every other AP's driver drops it (event 6), or with
+    --silently just stops reporting it, so that ageing marks it offline later."""
+    lab = Lab.load(args.name)
+    leaving = lab.ap(args.ap)
+    for ap in lab.aps:
+        if ap is not leaving and ap.sim_pid:
+            reply = ap.sim_command({"cmd": "unhear" if args.silently else "drop",
+                                    "mac": leaving.mac}) if _hears(ap, leaving) else None
+            if reply is not None:
+                print(f"{ap.name}: {'stopped reporting' if args.silently else 'dropped'} "
+                      f"{leaving.name}")
+    return 0
+
+
+def _hears(ap, other):
+    heard = ap.sim_command({"cmd": "status"})["heard"]
+    return any(entry["mac"] == other.mac for entry in heard)
+
+
 def cmd_cache(args):
     lab = Lab.load(args.name)
     print(json.dumps(lab.ap(args.ap).sim_command({"cmd": "cache"})))
@@ -104,6 +128,9 @@ def cmd_logs(args):
         return subprocess.call(["tail", "-n", "+1", "-f", path])
     with open(path, encoding="utf-8", errors="replace") as handle:
         sys.stdout.write(handle.read())
+    if args.what in ("tarn", "driver") and os.path.getsize(path) >= ap.log_limit:
+        print(f"lab: {path} reached the lab's log limit of {ap.log_limit} bytes; later lines "
+              f"were not kept", file=sys.stderr)
     return 0
 
 
@@ -168,8 +195,11 @@ def cmd_converge(args):
 def cmd_graph(args):
     from . import graph
     lab = Lab.load(args.name)
-    path, heard, found, static = graph.render(lab, args.out, args.format)
-    print(f"{path}  ({heard} heard, {found} discovered, {static} static links)")
+    path, counts, view = graph.render(lab, args.out, args.format, labels=not args.no_labels)
+    kinds = ("discovered", "offline", "unanswered", "heard", "static")
+    print(f"{path}  ({', '.join(f'{counts[kind]} {kind}' for kind in kinds)} edges)")
+    for name, error in sorted(view.errors.items()):
+        print(f"  {name}: no table: {error}")
     return 0
 
 
@@ -207,6 +237,8 @@ def build_parser():
     up.add_argument("--monitor", action="store_true",
                     help="on every AP the metrics writer and a node exporter; a Prometheus "
                     "server scraping them")
+    up.add_argument("--debug", action="store_true",
+                    help="daemons log with -D (each AP's log keeps its first 1 MiB)")
     up.set_defaults(func=cmd_up)
 
     ex = sub.add_parser("exec", help="run a command inside an AP: exec ap1 -- tarn show")
@@ -224,6 +256,12 @@ def build_parser():
             for option in ("radio", "channel", "rssi", "bandwidth", "txpower"):
                 cmd.add_argument(f"--{option}", type=int)
         cmd.set_defaults(func=func)
+
+    leave = sub.add_parser("leave", help="AP goes off the air: every driver drops it")
+    leave.add_argument("ap")
+    leave.add_argument("--silently", action="store_true",
+                       help="the drivers stop reporting it without a drop event")
+    leave.set_defaults(func=cmd_leave)
 
     cache = sub.add_parser("cache", help="make AP's driver send a neighbor cache reply now")
     cache.add_argument("ap")
@@ -254,10 +292,12 @@ def build_parser():
                       help="every S seconds each driver sends a cache reply (time values)")
     conv.set_defaults(func=cmd_converge)
 
-    graph = sub.add_parser("graph", help="draw who hears, discovered and statically links "
-                           "whom (Graphviz)")
+    graph = sub.add_parser("graph", help="draw the tables and the drivers' reports as they "
+                           "are now (Graphviz)")
     graph.add_argument("--out", help="output file (default /tmp/tarn-lab-NAME.FORMAT)")
     graph.add_argument("--format", default="svg", choices=("svg", "png"))
+    graph.add_argument("--no-labels", action="store_true",
+                       help="no channel and RSSI on the edges (large labs draw faster)")
     graph.set_defaults(func=cmd_graph)
 
     web = sub.add_parser("web", help="serve the neighbor page from AP (busybox httpd on its "

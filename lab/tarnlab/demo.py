@@ -84,9 +84,9 @@ def run_demo(count=4, timeout=60.0, name="demo", build_dir=None, out=sys.stdout)
             if result.returncode != 0 or result.stderr.strip():
                 print(f"(exit {result.returncode}) {result.stderr}", file=out)
         try:
-            path, _, _, _ = graph.render(lab)
-            print(f"\nPicture of the lab (who hears, has discovered and statically links "
-                  f"whom): {path}", file=out)
+            path, _, _ = graph.render(lab)
+            print(f"\nPicture of the lab (what each table holds and each driver hears, now): "
+                  f"{path}", file=out)
         except (LabError, OSError) as exc:
             print(f"\n(no picture of the lab: {exc})", file=out)
         out.flush()

@@ -2,7 +2,8 @@
 
 Everything here shells out to iproute2 and util-linux (ip, nsenter, unshare), except
 `netns_entered`, which switches the calling thread's network namespace with setns(2) so that
-sockets can be opened inside an AP from the test process itself.
+sockets can be opened (and /proc/sys/net values written, `sysctl_in`) inside an AP from this
+process itself.
 """
 
 import contextlib
@@ -11,6 +12,7 @@ import os
 import shlex
 import signal
 import subprocess
+import threading
 import time
 
 NETNS_DIR = "/run/netns"
@@ -54,12 +56,6 @@ def netns_exists(name):
     return os.path.exists(netns_path(name))
 
 
-def netns_add(name):
-    run(["ip", "netns", "add", name])
-    # Loopback is needed by the daemon's local traffic and by tests that talk over 127.0.0.1.
-    run(["ip", "-n", name, "link", "set", "lo", "up"])
-
-
 def netns_pids(name):
     """Process ids of every process whose network namespace is `name`."""
     if not netns_exists(name):
@@ -71,10 +67,6 @@ def netns_pids(name):
 def netns_delete(name):
     if netns_exists(name):
         run(["ip", "netns", "delete", name], check=False)
-
-
-def netns_sysctl(name, key, value):
-    run(["ip", "netns", "exec", name, "sysctl", "-q", "-w", f"{key}={value}"])
 
 
 def pid_alive(pid):
@@ -137,15 +129,57 @@ def nsenter_argv(holder_pid):
     return ["nsenter", "-t", str(holder_pid), "-m", "-n", "--"]
 
 
-def start_holder(netns, tmpfs_dirs, mkdirs, log_path, keep=(), stash_dir=None):
-    """Starts the long-lived process that owns an AP's private mount namespace.
+def run_batches(batches, parallel=8, timeout=120):
+    """Runs `ip -batch -` once per (ip options, command lines) pair, `parallel` at a time:
+    one process per namespace instead of one per link or address. Raises LabError naming
+    the first batch that failed."""
+    pending = list(batches)
+    running = []
+    failed = []
 
-    It joins `netns`, unshares its mounts (private propagation), mounts a sysfs that shows the
-    namespace's own links, mounts a tmpfs on each of `tmpfs_dirs`, creates `mkdirs` and then
-    sleeps until killed. Directories of `keep` that lie under one of the tmpfs mounts (a
-    build directory under /tmp, say) stay visible at their own path: they are bind-mounted
-    aside into `stash_dir` first and moved back on top of the new tmpfs. Returns the pid once
-    the mounts are in place."""
+    def finish(proc, options, lines):
+        out, err = proc.communicate(timeout=timeout)
+        if proc.returncode != 0:
+            failed.append(f"ip {' '.join(options)} -batch: {err.strip()}\n"
+                          + "\n".join(lines))
+
+    while pending or running:
+        while pending and len(running) < parallel:
+            options, lines = pending.pop(0)
+            proc = subprocess.Popen(["ip"] + list(options) + ["-batch", "-"],
+                                    stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                    stderr=subprocess.PIPE, text=True)
+            proc.stdin.write("\n".join(lines) + "\n")
+            proc.stdin.close()
+            proc.stdin = None
+            running.append((proc, options, lines))
+        finish(*running.pop(0))
+    if failed:
+        raise LabError(f"command failed: {failed[0]}")
+
+
+def sysctl_in(netns, settings):
+    """Writes /proc/sys values inside a network namespace (entered by this thread only), with
+    no process started: net.* values belong to the namespace of whoever opens them."""
+    with netns_entered(netns):
+        for key, value in settings:
+            with open("/proc/sys/" + key.replace(".", "/"), "w", encoding="ascii") as handle:
+                handle.write(str(value))
+
+
+def start_holder(netns, tmpfs_dirs, mkdirs, log_path, keep=(), stash_dir=None):
+    """Starts the long-lived process that owns an AP's private mount namespace: with
+    wait_holder, once the mounts are in place, its pid. Several may be started before the
+    first is waited for."""
+    return wait_holder(spawn_holder(netns, tmpfs_dirs, mkdirs, log_path, keep, stash_dir))
+
+
+def spawn_holder(netns, tmpfs_dirs, mkdirs, log_path, keep=(), stash_dir=None):
+    """Starts the holder: it joins `netns`, unshares its mounts (private propagation), mounts a
+    sysfs that shows the namespace's own links, mounts a tmpfs on each of `tmpfs_dirs`,
+    creates `mkdirs` and then sleeps until killed. Directories of `keep` that lie under one of
+    the tmpfs mounts (a build directory under /tmp, say) stay visible at their own path: they
+    are bind-mounted aside into `stash_dir` first and moved back on top of the new tmpfs."""
     for mount_point in tmpfs_dirs:
         # A tmpfs needs an existing mount point; one created here stays as an empty directory.
         os.makedirs(mount_point, exist_ok=True)
@@ -170,11 +204,19 @@ def start_holder(netns, tmpfs_dirs, mkdirs, log_path, keep=(), stash_dir=None):
     with open(log_path, "ab") as log:
         proc = subprocess.Popen(argv, stdout=subprocess.PIPE, stderr=log,
                                 stdin=subprocess.DEVNULL, start_new_session=True)
-    _spawned.append(proc)
+    with _spawned_lock:
+        _spawned.append(proc)
+    proc.holder_of = (netns, log_path)
+    return proc
+
+
+def wait_holder(proc):
+    """The holder's pid once its mounts are in place."""
     line = proc.stdout.readline()
     proc.stdout.close()
     if line.strip() != b"ready":
         proc.wait(timeout=5)
+        netns, log_path = proc.holder_of
         raise LabError(f"mount namespace holder for {netns} failed; see {log_path}")
     return proc.pid
 
@@ -182,19 +224,21 @@ def start_holder(netns, tmpfs_dirs, mkdirs, log_path, keep=(), stash_dir=None):
 # Children started by this process. The holders, daemons and simulators of a command-line lab
 # outlive the command; inside a test run they are reaped here once teardown has ended them.
 _spawned = []
+_spawned_lock = threading.Lock()
 
 
 def spawn(argv, **kwargs):
     proc = subprocess.Popen(argv, **kwargs)
-    _spawned.append(proc)
+    with _spawned_lock:
+        _spawned.append(proc)
     return proc
 
 
 def reap():
-    """Collects the exit status of children that have ended, so none stays a zombie."""
-    for proc in list(_spawned):
-        if proc.poll() is not None:
-            _spawned.remove(proc)
+    """Collects the exit status of children that have ended, so none stays a zombie. Safe
+    from several threads (the lab reads many APs' tables side by side)."""
+    with _spawned_lock:
+        _spawned[:] = [proc for proc in _spawned if proc.poll() is None]
 
 
 _libc = ctypes.CDLL(None, use_errno=True)

@@ -6,6 +6,10 @@ is the scenario {"count": 4}. Keys:
   count            number of APs when "aps" is absent (default 2)
   subnet4          IPv4 subnet of the shared uplink bridge (default 10.99.0.0/24)
   subnet6          IPv6 subnet of the bridge (default fd00:99::/64)
+  debug            start every daemon with -D (debug logging) unless its daemon_args say
+                   otherwise (default false)
+  log_limit        bytes each AP's daemon log and driver record may reach (default 1 MiB,
+                   at least 4096); the daemon's log keeps its first log_limit bytes
   defaults         AP settings applied to every AP (keys as in an AP below)
   aps              list of APs; an AP may set:
       name         AP name, also its label in the lab (default apN, N from 1)
@@ -28,8 +32,9 @@ is the scenario {"count": 4}. Keys:
       static_neighbors  list of AP names or {"mac", "ip", "ip6"} written to
                    /var/config/static_neighbor.conf (default: no file)
       driver_port  netlink port id of the driver simulator (default 100)
-      daemon_args  arguments of tarn (default ["-D"])
-      beacon_interval, confirm, answer_cache   driver simulator settings (2.0, true, true)
+      daemon_args  arguments of tarn (default [], or ["-D"] with debug)
+      beacon_interval, confirm, answer_cache   driver simulator settings (2.0 s, more past
+                   45 APs: count * (count - 1) / 1000 s; true, true)
   hears            "all" (default: every AP hears every other on radios 0 and 1), "none", or
                    a list of {"ap", "hears", "radio", "channel", "rssi", "bandwidth",
                    "txpower", "time"} (one radio each; repeat an entry for more radios)
@@ -47,7 +52,9 @@ VAP_RE = re.compile(r"^ath[0-9]{2}$")
 AP_KEYS = {"name", "mac", "hostname", "version", "qv_ip", "mode", "tenant", "cluster", "ip4",
            "ip6", "ipv6_only", "uplink", "radios", "wifi_count", "vaps", "static_neighbors",
            "driver_port", "daemon_args", "beacon_interval", "confirm", "answer_cache"}
-TOP_KEYS = {"count", "subnet4", "subnet6", "defaults", "aps", "hears"}
+TOP_KEYS = {"count", "subnet4", "subnet6", "defaults", "aps", "hears", "debug", "log_limit"}
+DEFAULT_LOG_LIMIT = 1 << 20
+MIN_LOG_LIMIT = 4096
 
 # Radio facts of the default "every AP hears every other" scenario.
 DEFAULT_RADIOS = ({"radio": 0, "channel": 6, "bandwidth": 20},
@@ -58,14 +65,23 @@ class ScenarioError(ValueError):
     pass
 
 
-# More than a full neighbor table (64) holds, and what a 2-core machine runs.
-MAX_APS = 72
+# Twice what a full neighbor table (64) holds; the addresses (host 10 + K) and MACs (last
+# byte K) would go on to 244.
+MAX_APS = 128
 
 
 def _check_keys(what, given, allowed):
     unknown = set(given) - allowed
     if unknown:
         raise ScenarioError(f"{what}: unknown keys {sorted(unknown)}")
+
+
+def _default_beacon_interval(count):
+    """Every AP reports every other on two radios each interval, and each report of a
+    neighbor that a full table refuses costs a probe and its answer: N * (N - 1) * 2 reports
+    per interval. Past 45 APs the interval grows so that the lab makes about 2000 reports a
+    second (16.3 s at 128 APs), which a 2-core machine carries beside its daemons."""
+    return max(2.0, round(count * (count - 1) * 2 / 2000.0, 1))
 
 
 def _default_rssi(listener, heard, radio):
@@ -89,12 +105,22 @@ def resolve(raw):
     if not 1 <= len(aps_raw) <= MAX_APS:
         raise ScenarioError(f"{len(aps_raw)} APs; the lab builds 1 to {MAX_APS}")
 
+    debug = raw.get("debug", False)
+    if not isinstance(debug, bool):
+        raise ScenarioError(f"debug: true or false, not {debug!r}")
+    log_limit = raw.get("log_limit", DEFAULT_LOG_LIMIT)
+    if isinstance(log_limit, bool) or not isinstance(log_limit, int) \
+            or log_limit < MIN_LOG_LIMIT:
+        raise ScenarioError(f"log_limit: a number of bytes, at least {MIN_LOG_LIMIT}, "
+                            f"not {log_limit!r}")
+
     aps = []
     for index, given in enumerate(aps_raw, start=1):
         _check_keys(f"AP {index}", given, AP_KEYS)
         ap = dict(defaults)
         ap.update(given)
-        aps.append(_resolve_ap(index, ap, subnet4, subnet6))
+        ap.setdefault("beacon_interval", _default_beacon_interval(len(aps_raw)))
+        aps.append(_resolve_ap(index, ap, subnet4, subnet6, debug))
 
     names = [ap["name"] for ap in aps]
     if len(set(names)) != len(names):
@@ -110,12 +136,14 @@ def resolve(raw):
     return {
         "subnet4": str(subnet4),
         "subnet6": str(subnet6),
+        "debug": debug,
+        "log_limit": log_limit,
         "aps": aps,
         "hears": _resolve_hears(raw.get("hears", "all"), aps, by_name),
     }
 
 
-def _resolve_ap(index, ap, subnet4, subnet6):
+def _resolve_ap(index, ap, subnet4, subnet6, debug=False):
     name = ap.get("name", f"ap{index}")
     if not NAME_RE.match(name):
         raise ScenarioError(f"AP name {name!r}: lower-case letters and digits, "
@@ -160,7 +188,8 @@ def _resolve_ap(index, ap, subnet4, subnet6):
         "vaps": vaps,
         "static_neighbors": ap.get("static_neighbors", []),
         "driver_port": int(ap.get("driver_port", 100)),
-        "daemon_args": list(ap.get("daemon_args", ["-D"])),
+        # Debug logging writes a line per refused neighbor: at 128 APs, gigabytes.
+        "daemon_args": list(ap.get("daemon_args", ["-D"] if debug else [])),
         "beacon_interval": float(ap.get("beacon_interval", 2.0)),
         "confirm": bool(ap.get("confirm", True)),
         "answer_cache": bool(ap.get("answer_cache", True)),

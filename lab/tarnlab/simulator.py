@@ -2,7 +2,8 @@
 
 It owns a NETLINK_USERSOCK socket bound at the port id that the daemon was given in
 TARN_DRIVER_PORT, and:
-  * reports the APs it "hears" with event 1, every `beacon_interval` seconds like beacons, and
+  * reports the APs it "hears" with event 1, each every `beacon_interval` seconds like
+    beacons (the reports of one round spread evenly over its first 2 seconds), and
     at once when told to hear a new one;
   * answers a cache request (operation 2) with event 3 holding one 88-byte entry per heard AP;
   * confirms the daemon's AP information (operation 1) with event 2;
@@ -46,7 +47,8 @@ def normalize_heard(entry):
 
 class DriverSimulator:
     def __init__(self, port, record_path, control_path, heard=(), daemon_port=dp.DAEMON_PORT,
-                 beacon_interval=DEFAULT_BEACON_INTERVAL, confirm=True, answer_cache=True):
+                 beacon_interval=DEFAULT_BEACON_INTERVAL, confirm=True, answer_cache=True,
+                 record_limit=None):
         self.port = port
         self.daemon_port = daemon_port
         self.beacon_interval = beacon_interval
@@ -58,6 +60,8 @@ class DriverSimulator:
         # (mac, radio) -> heard AP, plus when it was last reported
         self.heard = {}
         self.last_reported = {}
+        self._round = []  # keys of self.heard still to report in this beacon round
+        self._step = self._round_rest = 0.0
         self.sent = 0
         self.send_errors = 0
         self.received = 0
@@ -75,6 +79,9 @@ class DriverSimulator:
         self.control.listen(8)
         self.control.setblocking(False)
         self.record = open(record_path, "a", buffering=1, encoding="utf-8")
+        # The record lives in memory (/run): at 128 APs, beacons alone write megabytes a
+        # second. Past the limit only one last line says that the record stops there.
+        self.record_room = None if record_limit is None else record_limit - self.record.tell()
         self.selector = selectors.DefaultSelector()
         self.selector.register(self.nl, selectors.EVENT_READ, self._on_netlink)
         self.selector.register(self.control, selectors.EVENT_READ, self._on_control_accept)
@@ -88,7 +95,15 @@ class DriverSimulator:
 
     def _log(self, entry):
         entry["t"] = round(time.time(), 6)
-        self.record.write(json.dumps(entry, sort_keys=True) + "\n")
+        line = json.dumps(entry, sort_keys=True) + "\n"
+        if self.record_room is not None:
+            if self.record_room <= 0:
+                return
+            self.record_room -= len(line)
+            if self.record_room < 0:
+                line = json.dumps({"dir": "note", "what": "record limit reached",
+                                   "t": entry["t"]}) + "\n"
+        self.record.write(line)
 
     def _send(self, payload, what):
         data = dp.frame(payload, self.port)
@@ -250,20 +265,43 @@ class DriverSimulator:
     # ----- main loop ----------------------------------------------------------------------
 
     def run(self):
-        next_beacon = time.monotonic()
+        next_report = time.monotonic()
         try:
             while self.running:
                 if self.beacon_interval > 0:
-                    timeout = max(0.0, next_beacon - time.monotonic())
+                    timeout = max(0.0, next_report - time.monotonic())
                 else:
                     timeout = None
                 for key, _ in self.selector.select(timeout):
                     key.data(key.fileobj)
-                if self.beacon_interval > 0 and time.monotonic() >= next_beacon:
-                    self.beacon()
-                    next_beacon = time.monotonic() + self.beacon_interval
+                if self.beacon_interval > 0 and time.monotonic() >= next_report:
+                    next_report += self._report_next()
+                    # After a pause (or a lowered interval) the schedule starts afresh.
+                    next_report = max(next_report, time.monotonic() - self.beacon_interval)
         finally:
             self.close()
+
+    # A round's reports come within this many seconds (or the interval, if shorter), so a
+    # daemon's table fills soon after it starts hearing, however long the interval.
+    ROUND_SPREAD = 2.0
+
+    def _report_next(self):
+        """Reports the next heard AP of the current round and returns the time until the one
+        after. A round reports every heard AP once, spread evenly over ROUND_SPREAD seconds,
+        as beacons of many APs reach a real radio: one burst of every report at once would
+        make each daemon probe (and take the answers of) a hundred neighbors at one instant,
+        more than its socket buffers hold when the lab's CPUs are busy."""
+        if not self._round:
+            self._round = list(self.heard)
+            if not self._round:
+                return self.beacon_interval
+            count = len(self._round)
+            self._step = min(self.beacon_interval, self.ROUND_SPREAD) / count
+            self._round_rest = self.beacon_interval - self._step * (count - 1)
+        heard = self.heard.get(self._round.pop(0))
+        if heard is not None:  # an AP unheard meanwhile is skipped
+            self.report(heard)
+        return self._step if self._round else self._round_rest
 
     def close(self):
         self.selector.close()

@@ -82,6 +82,9 @@ def make_lab(request):
     labs = []
 
     def make(scenario=2, **options):
+        # The tests read the daemons' debug lines: debug logging on unless a scenario says.
+        scenario = {"count": scenario} if isinstance(scenario, int) else dict(scenario)
+        scenario.setdefault("debug", True)
         lab = labmod.Lab(scenario, name=unique_lab_name(), owner_pid=os.getpid(), **options)
         labs.append(lab)
         return lab.up()

@@ -1,13 +1,18 @@
 """The lab itself: what `up` builds for an AP, and that teardown leaves nothing behind on a
 machine that others share, even after a crashed simulator and a stray process."""
 
+import json
 import os
 import signal
 import socket
 
+import pytest
+
 from tarnlab import lab as labmod
 from tarnlab import nsutil
+from tarnlab import scenario as scen
 from tarnlab.nsutil import netns_entered, pid_alive
+from tarnsys import wait_for
 
 
 def leftovers(name, pids):
@@ -54,3 +59,71 @@ def test_two_aps_are_built_and_removed_completely(make_lab):
     lab.down()
     stray.wait(5)
     assert leftovers(lab.name, pids) == []
+
+
+@pytest.mark.parametrize("scenario, refused", [
+    ({"count": scen.MAX_APS}, None),
+    ({"count": scen.MAX_APS + 1}, "129 APs; the lab builds 1 to 128"),
+    ({"count": 1, "log_limit": scen.MIN_LOG_LIMIT}, None),
+    ({"count": 1, "log_limit": scen.MIN_LOG_LIMIT - 1}, "log_limit: a number of bytes"),
+    ({"count": 1, "debug": "yes"}, "debug: true or false"),
+])
+def test_scenario_limits(scenario, refused):
+    if refused is None:
+        scen.resolve(scenario)
+    else:
+        with pytest.raises(scen.ScenarioError, match=refused):
+            scen.resolve(scenario)
+
+
+def daemon_argv(ap):
+    with open(f"/proc/{ap.daemon_pid}/cmdline", "rb") as cmdline:
+        return cmdline.read().split(b"\0")[1:-1]
+
+
+def test_daemons_log_debug_lines_only_when_asked(make_lab):
+    lab = make_lab({"count": 2, "debug": False, "aps": [{}, {"daemon_args": ["-D"]}]})
+    lab.wait_discovered(timeout=30)
+    quiet, talkative = lab["ap1"], lab["ap2"]
+    assert daemon_argv(quiet) == [] and daemon_argv(talkative) == [b"-D"]
+    # A driver report handled is a debug line on the AP that asked for them, none on the other.
+    assert "hand_receive" in talkative.log_text()
+    assert "hand_receive" not in quiet.log_text()
+
+
+def test_each_aps_log_and_driver_record_stop_at_the_limit(make_lab):
+    limit = scen.MIN_LOG_LIMIT
+    lab = make_lab({"count": 2, "log_limit": limit, "defaults": {"beacon_interval": 0.2}})
+    ap1 = lab["ap1"]
+    wait_for(lambda: os.path.getsize(ap1.log_path) >= limit, 60, what="a full daemon log")
+    wait_for(lambda: os.path.getsize(ap1.record_path) >= limit - 512, 60,
+             what="a full driver record")
+    ap1.sim_command({"cmd": "beacon"})  # more lines than fit, after the limit was reached
+    ap1.sim_command({"cmd": "beacon"})
+    # The daemon's writes past the limit fail; it goes on and still answers.
+    assert os.path.getsize(ap1.log_path) == limit
+    assert ap1.daemon_running()
+    assert ap1.tarn("show").returncode == 0
+    # The record ends with one note instead of the lines that did not fit.
+    with open(ap1.record_path, encoding="utf-8") as record:
+        lines = record.read().splitlines()
+    assert sum(len(line) + 1 for line in lines[:-1]) <= limit
+    assert json.loads(lines[-1])["what"] == "record limit reached"
+    assert ap1.driver_record("rx")  # what came before the limit still reads
+
+
+def test_a_fleet_of_the_most_aps_fills_every_table(make_lab):
+    """128 APs, each hearing the 127 others: every table ends with min(heard, 64) entries with
+    name and version (about 45 s in all on a 2-core machine)."""
+    from tarnlab import scale
+    lab = make_lab({"count": scen.MAX_APS, "debug": False})
+    heard = scale.heard_macs(lab)
+
+    def every_table_full():
+        status = scale.table_status(lab, heard=heard)
+        return all(have >= want for have, want in status.values()) and status
+
+    # Generous: an answer lost on a busy machine is asked for again by the learning pass
+    # (every 150 s).
+    status = wait_for(every_table_full, 400, what="every table full")
+    assert set(status.values()) == {(scale.TABLE_MAX, scale.TABLE_MAX)}
