@@ -156,8 +156,8 @@ info_cache_lock::~info_cache_lock() {
 
 bool info_fetch(const std::string &dir, std::vector<uint8_t> &answer, std::string &error) {
     long long started = monotonic_ms();
-    if (!info_daemon_alive(dir)) {
-        error = "no daemon listening at " + dir + "/" + INFO_DAEMON_SOCKET;
+    if (int why = info_daemon_probe(dir); why != 0) {
+        error = "no daemon listening at " + dir + "/" + INFO_DAEMON_SOCKET + ": " + strerror(why);
         return false;
     }
     info_cache_paths paths = info_cache_paths_in(dir);

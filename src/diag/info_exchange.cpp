@@ -133,18 +133,18 @@ bool receive_answer(int fd, int wait_ms, std::vector<uint8_t> &answer, std::stri
 
 }  // namespace
 
-bool info_daemon_alive(const std::string &dir) {
+int info_daemon_probe(const std::string &dir) {
     sockaddr_un addr;
     if (!unix_address(dir + "/" + INFO_DAEMON_SOCKET, addr)) {
-        return false;
+        return ENAMETOOLONG;
     }
     int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (fd < 0) {
-        return false;
+        return errno;
     }
-    bool alive = connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0;
+    int result = connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0 ? 0 : errno;
     close(fd);
-    return alive;
+    return result;
 }
 
 bool info_exchange(const std::string &dir, int wait_ms, std::vector<uint8_t> &answer,

@@ -13,9 +13,10 @@ constexpr const char *INFO_DAEMON_SOCKET = "tarn_socket";
 // How long one exchange waits for the answer, leaving room within the 2 s a failing call has.
 constexpr int INFO_ANSWER_WAIT_MS = 1500;
 
-// Whether a daemon is bound at dir's daemon socket: a connect of a separate, unbound datagram
-// socket succeeds. Nothing is sent.
-bool info_daemon_alive(const std::string &dir);
+// Whether a daemon is bound at dir's daemon socket: 0 when a connect of a separate, unbound
+// datagram socket succeeds, else why not (ECONNREFUSED or ENOENT: no daemon; EACCES: not
+// root). Nothing is sent.
+int info_daemon_probe(const std::string &dir);
 
 // Sends operation 1 from the socket dir/tarn_info.<pid> (removed again on return, a stale one of
 // the same pid taken over) and waits up to wait_ms for the answer, which is stored whole.

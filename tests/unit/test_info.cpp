@@ -10,6 +10,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <functional>
 #include <memory>
@@ -627,7 +628,7 @@ TEST_F(InfoFiles, ExchangeTakesAnAnswerUpToTheDatagramLimit) {
     int daemon = socket(AF_UNIX, SOCK_DGRAM, 0);
     ASSERT_EQ(bind(daemon, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
     int sndbuf = 4 * NBCP_LIST_MAX;
-    EXPECT_TRUE(info_daemon_alive(dir_));
+    EXPECT_EQ(info_daemon_probe(dir_), 0);
     for (size_t reply_len : {size_t{NBCP_LIST_MAX}, size_t{NBCP_LIST_MAX} + 1}) {
         std::thread answer([&] {
             uint8_t request[64];
@@ -656,9 +657,10 @@ TEST_F(InfoFiles, ExchangeTakesAnAnswerUpToTheDatagramLimit) {
         std::string own = dir_ + "/tarn_info." + std::to_string(getpid());
         EXPECT_NE(access(own.c_str(), F_OK), 0);
     }
-    close(daemon);
+    close(daemon);  // a stopped daemon leaves its socket path behind
+    EXPECT_EQ(info_daemon_probe(dir_), ECONNREFUSED);
     unlink(daemon_path.c_str());
-    EXPECT_FALSE(info_daemon_alive(dir_));
+    EXPECT_EQ(info_daemon_probe(dir_), ENOENT);
 }
 
 }  // namespace
