@@ -17,16 +17,16 @@ namespace {
 
 // Every line is a comment, a tarn_ sample, or empty; a label value that held a raw newline
 // would start a line with something else.
-bool lines_well_formed(const std::string &text) {
+bool lines_well_formed(const info_string &text) {
     size_t at = 0;
     while (at < text.size()) {
         size_t end = text.find('\n', at);
-        std::string line = text.substr(at, end - at);
+        info_string line = text.substr(at, end - at);
         if (line.rfind("# HELP tarn_", 0) != 0 && line.rfind("# TYPE tarn_", 0) != 0 &&
             line.rfind("tarn_", 0) != 0) {
             return false;
         }
-        at = end == std::string::npos ? text.size() : end + 1;
+        at = end == info_string::npos ? text.size() : end + 1;
     }
     return true;
 }
@@ -42,12 +42,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         static_macs.push_back(mac);
     }
     std::vector<info_neighbor> neighbors;
-    std::string error;
+    info_string error;
     if (!info_decode_answer(answer, static_macs, neighbors, error)) {
         FUZZ_CHECK(!error.empty());
         return 0;
     }
-    std::string json_text = info_json_document(neighbors);
+    info_string json_text = info_json_document(neighbors);
     std::unique_ptr<cJSON, void (*)(cJSON *)> doc(cJSON_Parse(json_text.c_str()), cJSON_Delete);
     FUZZ_CHECK(doc != nullptr);
     FUZZ_CHECK(cJSON_GetArraySize(cJSON_GetObjectItem(doc.get(), "neighbors")) ==

@@ -8,7 +8,7 @@
 
 bool info_decode_answer(const std::vector<uint8_t> &answer,
                         const std::vector<mac_addr> &static_macs,
-                        std::vector<info_neighbor> &neighbors, std::string &error) {
+                        std::vector<info_neighbor> &neighbors, info_string &error) {
     if (answer.size() < NBCP_LIST_HDR_LEN) {
         error = "answer of " + info_number(answer.size()) + " bytes is shorter than its header";
         return false;

@@ -61,7 +61,7 @@ bool write_all(int fd, const std::vector<uint8_t> &data) {
 
 // Opens (creating it when missing) a private file without following a link; an existing one
 // that is not trusted is removed and created anew.
-int open_private(const std::string &path, int flags) {
+int open_private(const info_string &path, int flags) {
     int fd = open(path.c_str(), flags | O_CREAT | O_NOFOLLOW | O_CLOEXEC, PRIVATE_MODE);
     struct stat st;
     if (fd >= 0 && fstat(fd, &st) == 0 && trusted(st)) {
@@ -98,7 +98,7 @@ timespec realtime_now() {
 
 }  // namespace
 
-info_cache_paths info_cache_paths_in(const std::string &dir) {
+info_cache_paths info_cache_paths_in(const info_string &dir) {
     return {dir + "/tarn_info.cache", dir + "/tarn_info.lock", dir + "/tarn_info.cache.tmp"};
 }
 
@@ -131,7 +131,7 @@ bool info_cache_write(const info_cache_paths &paths, const std::vector<uint8_t> 
     return ok;
 }
 
-info_cache_lock::info_cache_lock(const std::string &path, int wait_ms) {
+info_cache_lock::info_cache_lock(const info_string &path, int wait_ms) {
     fd_ = open_private(path, O_RDWR);
     if (fd_ < 0) {
         return;
@@ -154,10 +154,10 @@ info_cache_lock::~info_cache_lock() {
     }
 }
 
-bool info_fetch(const std::string &dir, std::vector<uint8_t> &answer, std::string &error) {
+bool info_fetch(const info_string &dir, std::vector<uint8_t> &answer, info_string &error) {
     long long started = monotonic_ms();
-    if (!info_daemon_alive(dir)) {
-        error = "no daemon listening at " + dir + "/" + INFO_DAEMON_SOCKET;
+    if (int why = info_daemon_probe(dir); why != 0) {
+        error = "no daemon listening at " + dir + "/" + INFO_DAEMON_SOCKET + ": " + strerror(why);
         return false;
     }
     info_cache_paths paths = info_cache_paths_in(dir);

@@ -6,19 +6,20 @@
 #include <time.h>
 
 #include <cstdint>
-#include <string>
 #include <vector>
+
+#include "diag/info_string.h"
 
 constexpr int INFO_CACHE_MAX_AGE_S = 5;
 // How long a caller waits for another one's refresh before it gives up.
 constexpr int INFO_LOCK_WAIT_MS = 1800;
 
 struct info_cache_paths {
-    std::string cache;  // <dir>/tarn_info.cache
-    std::string lock;   // <dir>/tarn_info.lock
-    std::string tmp;    // <dir>/tarn_info.cache.tmp
+    info_string cache;  // <dir>/tarn_info.cache
+    info_string lock;   // <dir>/tarn_info.lock
+    info_string tmp;    // <dir>/tarn_info.cache.tmp
 };
-info_cache_paths info_cache_paths_in(const std::string &dir);
+info_cache_paths info_cache_paths_in(const info_string &dir);
 
 // Reads the cached answer when the file is trustworthy (a regular file owned by root, mode
 // 0600, opened without following a link) and its modification time is at most
@@ -35,7 +36,7 @@ bool info_cache_write(const info_cache_paths &paths, const std::vector<uint8_t> 
 // within wait_ms or the wait was interrupted.
 class info_cache_lock {
   public:
-    info_cache_lock(const std::string &path, int wait_ms);
+    info_cache_lock(const info_string &path, int wait_ms);
     info_cache_lock(const info_cache_lock &) = delete;
     info_cache_lock &operator=(const info_cache_lock &) = delete;
     ~info_cache_lock();
@@ -49,4 +50,4 @@ class info_cache_lock {
 // The daemon's answer for one call: from the cache when fresh (after checking that the daemon
 // is alive), else from one exchange under the lock, stored for the next callers. Returns false
 // with a message in error when there is no daemon or no answer.
-bool info_fetch(const std::string &dir, std::vector<uint8_t> &answer, std::string &error);
+bool info_fetch(const info_string &dir, std::vector<uint8_t> &answer, info_string &error);

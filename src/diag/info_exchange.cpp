@@ -24,7 +24,7 @@ void on_stop_signal(int signo) {
     stop_signal = signo;
 }
 
-bool unix_address(const std::string &path, sockaddr_un &addr) {
+bool unix_address(const info_string &path, sockaddr_un &addr) {
     memset(&addr, 0, sizeof addr);
     addr.sun_family = AF_UNIX;
     if (path.size() >= sizeof addr.sun_path) {
@@ -43,7 +43,7 @@ long long now_ms() {
 // The reply socket, bound at a path of its own; the path goes with the object.
 class reply_socket {
   public:
-    explicit reply_socket(std::string path) : path_(std::move(path)) {}
+    explicit reply_socket(info_string path) : path_(std::move(path)) {}
     reply_socket(const reply_socket &) = delete;
     reply_socket &operator=(const reply_socket &) = delete;
     ~reply_socket() {
@@ -55,7 +55,7 @@ class reply_socket {
         }
     }
 
-    bool open(std::string &error) {
+    bool open(info_string &error) {
         sockaddr_un addr;
         if (!unix_address(path_, addr)) {
             error = "reply socket path too long: " + path_;
@@ -82,12 +82,12 @@ class reply_socket {
     int fd() const { return fd_; }
 
   private:
-    std::string path_;
+    info_string path_;
     int fd_ = -1;
     bool bound_ = false;
 };
 
-bool send_request(int fd, const std::string &daemon_path, std::string &error) {
+bool send_request(int fd, const info_string &daemon_path, info_string &error) {
     sockaddr_un to;
     unix_address(daemon_path, to);
     local_msg_hdr hdr;
@@ -101,7 +101,7 @@ bool send_request(int fd, const std::string &daemon_path, std::string &error) {
     return true;
 }
 
-bool receive_answer(int fd, int wait_ms, std::vector<uint8_t> &answer, std::string &error) {
+bool receive_answer(int fd, int wait_ms, std::vector<uint8_t> &answer, info_string &error) {
     long long deadline = now_ms() + wait_ms;
     answer.assign(NBCP_LIST_MAX + 1, 0);
     for (;;) {
@@ -133,22 +133,22 @@ bool receive_answer(int fd, int wait_ms, std::vector<uint8_t> &answer, std::stri
 
 }  // namespace
 
-bool info_daemon_alive(const std::string &dir) {
+int info_daemon_probe(const info_string &dir) {
     sockaddr_un addr;
     if (!unix_address(dir + "/" + INFO_DAEMON_SOCKET, addr)) {
-        return false;
+        return ENAMETOOLONG;
     }
     int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (fd < 0) {
-        return false;
+        return errno;
     }
-    bool alive = connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0;
+    int result = connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0 ? 0 : errno;
     close(fd);
-    return alive;
+    return result;
 }
 
-bool info_exchange(const std::string &dir, int wait_ms, std::vector<uint8_t> &answer,
-                   std::string &error) {
+bool info_exchange(const info_string &dir, int wait_ms, std::vector<uint8_t> &answer,
+                   info_string &error) {
     reply_socket reply(dir + "/tarn_info." + info_number(getpid()));
     return reply.open(error) && send_request(reply.fd(), dir + "/" + INFO_DAEMON_SOCKET, error) &&
            receive_answer(reply.fd(), wait_ms, answer, error);

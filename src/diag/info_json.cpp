@@ -6,32 +6,32 @@
 
 namespace {
 
-std::string text_value(std::string_view raw) {
-    std::string clean;
+info_string text_value(std::string_view raw) {
+    info_string clean;
     info_utf8_clean(raw, clean);
-    std::string value;
+    info_string value;
     info_json_string(clean, value);
     return value;
 }
 
 // An address text needs no cleaning: it is made here, not received.
-std::string address_value(const std::string &text) {
+info_string address_value(const info_string &text) {
     return text.empty() ? "null" : "\"" + text + "\"";
 }
 
-std::string bool_value(bool value) {
+info_string bool_value(bool value) {
     return value ? "true" : "false";
 }
 
-std::string cluster_value(const ap_info &info) {
+info_string cluster_value(const ap_info &info) {
     return "{\"flag\":" + info_number(info.cluster_flag) +
            ",\"id\":" + info_number(info.cluster_id) +
            ",\"pvc_ip\":" + address_value(info_ipv4_text(info.pvc_ip)) + ",\"pvc_mac\":\"" +
            info_mac_text(info.pvc_mac) + "\"}";
 }
 
-std::string radios_value(const ap_info &info) {
-    std::string value = "[";
+info_string radios_value(const ap_info &info) {
+    info_string value = "[";
     int carried = std::min<int>(info.radiocnt, AP_RADIO_MAX);
     for (int i = 0; i < carried; ++i) {
         const radio_info &r = info.radio[i];
@@ -56,11 +56,11 @@ info_json_members info_json_fields(const info_neighbor &neighbor) {
     m.emplace_back("learned", bool_value(neighbor.learned));
     m.emplace_back("static", bool_value(neighbor.is_static));
     m.emplace_back("state", info_number(info.state));
-    m.emplace_back("state_name", std::string("\"") + info_state_name(info.state) + "\"");
+    m.emplace_back("state_name", info_string("\"") + info_state_name(info.state) + "\"");
     if (neighbor.learned && neighbor.is_static) {
         m.emplace_back("static_state", info_number(neighbor.static_state));
         m.emplace_back("static_state_name",
-                       std::string("\"") + info_state_name(neighbor.static_state) + "\"");
+                       info_string("\"") + info_state_name(neighbor.static_state) + "\"");
     }
     m.emplace_back("answered", bool_value(info_answered(info)));
     m.emplace_back("name", text_value(info_field(info.name)));
@@ -75,7 +75,7 @@ info_json_members info_json_fields(const info_neighbor &neighbor) {
     return m;
 }
 
-void info_json_object(const info_json_members &members, std::string &out) {
+void info_json_object(const info_json_members &members, info_string &out) {
     out += '{';
     for (size_t i = 0; i < members.size(); ++i) {
         if (i > 0) {
@@ -89,8 +89,8 @@ void info_json_object(const info_json_members &members, std::string &out) {
     out += '}';
 }
 
-std::string info_json_document(const std::vector<info_neighbor> &neighbors) {
-    std::string out = "{\"schema\":" + info_number(INFO_SCHEMA_VERSION) + ",\"neighbors\":[";
+info_string info_json_document(const std::vector<info_neighbor> &neighbors) {
+    info_string out = "{\"schema\":" + info_number(INFO_SCHEMA_VERSION) + ",\"neighbors\":[";
     for (size_t i = 0; i < neighbors.size(); ++i) {
         if (i > 0) {
             out += ',';

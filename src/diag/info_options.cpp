@@ -8,13 +8,13 @@
 
 namespace {
 
-bool parse_seconds(const char *text, long &seconds, std::string &error) {
+bool parse_seconds(const char *text, long &seconds, info_string &error) {
     errno = 0;
     char *end = nullptr;
     long value = strtol(text, &end, 10);
     if (errno != 0 || end == text || *end != '\0' || value < INFO_INTERVAL_MIN_S ||
         value > INFO_INTERVAL_MAX_S) {
-        error = std::string("seconds must be a whole number from ") +
+        error = info_string("seconds must be a whole number from ") +
                 info_number(INFO_INTERVAL_MIN_S) + " to " + info_number(INFO_INTERVAL_MAX_S) +
                 ", not \"" + text + "\"";
         return false;
@@ -26,7 +26,7 @@ bool parse_seconds(const char *text, long &seconds, std::string &error) {
 }  // namespace
 
 bool info_parse_options(int argc, const char *const *argv, info_options &options,
-                        std::string &error) {
+                        info_string &error) {
     options = info_options{};
     bool mode_given = false;
     bool interval_given = false;
@@ -51,7 +51,7 @@ bool info_parse_options(int argc, const char *const *argv, info_options &options
             mode = info_mode::help;
         } else if (arg == "--output" || arg == "--interval") {
             if (next == nullptr || next[0] == '\0') {
-                error = std::string(arg) + " needs a value";
+                error = info_string(arg) + " needs a value";
                 return false;
             }
             ++i;
@@ -64,7 +64,7 @@ bool info_parse_options(int argc, const char *const *argv, info_options &options
             }
             continue;
         } else {
-            error = "unknown argument \"" + std::string(arg) + "\"";
+            error = "unknown argument \"" + info_string(arg) + "\"";
             return false;
         }
         if (mode_given) {

@@ -1,7 +1,7 @@
 // tarn-info's command line.
 #pragma once
 
-#include <string>
+#include "diag/info_string.h"
 
 enum class info_mode { json, prometheus, watch, help };
 
@@ -12,13 +12,13 @@ constexpr long INFO_WATCH_DEFAULT_S = 10;
 
 struct info_options {
     info_mode mode = info_mode::json;
-    std::string output;   // --prometheus --output FILE; empty: standard output
+    info_string output;   // --prometheus --output FILE; empty: standard output
     long interval_s = 0;  // --interval or --watch seconds; 0: once
 };
 
 // Parses argv[1..argc-1]. Returns false with a reason in error for a usage error.
 bool info_parse_options(int argc, const char *const *argv, info_options &options,
-                        std::string &error);
+                        info_string &error);
 
 constexpr const char *INFO_USAGE =
     "usage: tarn-info [--json] | --prometheus [--output FILE [--interval SECONDS]] | "

@@ -9,10 +9,10 @@ namespace {
 
 struct label {
     const char *name;
-    std::string value;  // already cleaned, not yet escaped
+    info_string value;  // already cleaned, not yet escaped
 };
 
-void header(std::string &out, const char *name, const char *help) {
+void header(info_string &out, const char *name, const char *help) {
     out += "# HELP ";
     out += name;
     out += ' ';
@@ -22,7 +22,7 @@ void header(std::string &out, const char *name, const char *help) {
     out += " gauge\n";
 }
 
-void sample(std::string &out, const char *name, const std::vector<label> &labels, long value) {
+void sample(info_string &out, const char *name, const std::vector<label> &labels, long value) {
     out += name;
     if (!labels.empty()) {
         out += '{';
@@ -40,8 +40,8 @@ void sample(std::string &out, const char *name, const std::vector<label> &labels
     out += '\n';
 }
 
-std::string clean(std::string_view raw) {
-    std::string text;
+info_string clean(std::string_view raw) {
+    info_string text;
     info_utf8_clean(raw, text);
     return text;
 }
@@ -63,7 +63,7 @@ std::vector<const info_neighbor *> unique_by_mac(const std::vector<info_neighbor
     return unique;
 }
 
-void info_series(std::string &out, const std::vector<const info_neighbor *> &neighbors) {
+void info_series(info_string &out, const std::vector<const info_neighbor *> &neighbors) {
     header(out, "tarn_neighbor_info", "A neighbor AP with its texts as labels; always 1.");
     for (const info_neighbor *n : neighbors) {
         const ap_info &i = n->info;
@@ -82,7 +82,7 @@ void info_series(std::string &out, const std::vector<const info_neighbor *> &nei
 }
 
 template <typename Value>
-void per_neighbor(std::string &out, const char *name, const char *help,
+void per_neighbor(info_string &out, const char *name, const char *help,
                   const std::vector<const info_neighbor *> &neighbors, Value value) {
     header(out, name, help);
     for (const info_neighbor *n : neighbors) {
@@ -91,7 +91,7 @@ void per_neighbor(std::string &out, const char *name, const char *help,
 }
 
 template <typename Field>
-void per_radio(std::string &out, const char *name, const char *help,
+void per_radio(info_string &out, const char *name, const char *help,
                const std::vector<const info_neighbor *> &neighbors, Field field) {
     header(out, name, help);
     for (const info_neighbor *n : neighbors) {
@@ -107,7 +107,7 @@ void per_radio(std::string &out, const char *name, const char *help,
     }
 }
 
-void counts(std::string &out, const std::vector<const info_neighbor *> &neighbors) {
+void counts(info_string &out, const std::vector<const info_neighbor *> &neighbors) {
     header(out, "tarn_neighbors", "Neighbors by state name.");
     constexpr std::array<uint8_t, 6> STATES = {0, 1, 2, 3, 4, 255};  // 255 stands for "unknown"
     for (uint8_t state : STATES) {
@@ -129,8 +129,8 @@ void counts(std::string &out, const std::vector<const info_neighbor *> &neighbor
 
 }  // namespace
 
-std::string info_prometheus_text(bool up, const std::vector<info_neighbor> &neighbors) {
-    std::string out;
+info_string info_prometheus_text(bool up, const std::vector<info_neighbor> &neighbors) {
+    info_string out;
     header(out, "tarn_up", "1 when the tarn daemon answered the neighbor-table request.");
     sample(out, "tarn_up", {}, up ? 1 : 0);
     if (!up) {

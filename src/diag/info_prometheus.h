@@ -2,10 +2,10 @@
 // and then escaped for the text format.
 #pragma once
 
-#include <string>
 #include <vector>
 
 #include "diag/info_static.h"
+#include "diag/info_string.h"
 
 // The whole exposition. With up false only tarn_up (0) is written: no neighbor series.
-std::string info_prometheus_text(bool up, const std::vector<info_neighbor> &neighbors);
+info_string info_prometheus_text(bool up, const std::vector<info_neighbor> &neighbors);

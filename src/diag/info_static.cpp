@@ -7,8 +7,8 @@
 
 #include <algorithm>
 #include <memory>
-#include <string>
 
+#include "diag/info_string.h"
 #include "static/static_store.h"
 
 namespace {
@@ -28,8 +28,8 @@ mac_addr entry_mac(const cJSON *entry) {
 
 // The file's text, or empty when it is not a readable regular file of at most WHOLE_FILE_MAX
 // bytes. Non-blocking, so that a FIFO planted at the path cannot stall the reader.
-std::string read_small_file(const char *path) {
-    std::string text;
+info_string read_small_file(const char *path) {
+    info_string text;
     int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) {
         return text;
@@ -48,7 +48,7 @@ std::string read_small_file(const char *path) {
 
 std::vector<mac_addr> info_static_macs(const char *path) {
     std::vector<mac_addr> macs;
-    std::string text = read_small_file(path);
+    info_string text = read_small_file(path);
     std::unique_ptr<cJSON, cjson_deleter> root(cJSON_ParseWithLength(text.data(), text.size()));
     const cJSON *list = cJSON_GetObjectItemCaseSensitive(root.get(), "static_neighbor");
     if (!cJSON_IsArray(list)) {

@@ -8,7 +8,7 @@ namespace {
 
 constexpr char HEX[] = "0123456789abcdef";
 
-void append_hex_byte(uint8_t byte, std::string &out) {
+void append_hex_byte(uint8_t byte, info_string &out) {
     out += "\\x";
     out += HEX[byte >> 4];
     out += HEX[byte & 0xf];
@@ -54,7 +54,7 @@ size_t sequence_length(std::string_view text, size_t at) {
 
 }  // namespace
 
-void info_utf8_clean(std::string_view raw, std::string &out) {
+void info_utf8_clean(std::string_view raw, info_string &out) {
     size_t at = 0;
     while (at < raw.size()) {
         size_t len = sequence_length(raw, at);
@@ -70,7 +70,7 @@ void info_utf8_clean(std::string_view raw, std::string &out) {
     }
 }
 
-void info_json_string(std::string_view text, std::string &out) {
+void info_json_string(std::string_view text, info_string &out) {
     out += '"';
     for (char c : text) {
         auto byte = static_cast<uint8_t>(c);
@@ -88,7 +88,7 @@ void info_json_string(std::string_view text, std::string &out) {
     out += '"';
 }
 
-void info_prom_label(std::string_view text, std::string &out) {
+void info_prom_label(std::string_view text, info_string &out) {
     for (char c : text) {
         if (c == '\\' || c == '"') {
             out += '\\';
@@ -118,20 +118,20 @@ const char *info_state_name(uint8_t state) {
     }
 }
 
-std::string info_number(long long value) {
+info_string info_number(long long value) {
     char text[24];
     snprintf(text, sizeof text, "%lld", value);
     return text;
 }
 
-std::string info_mac_text(const mac_addr &mac) {
+info_string info_mac_text(const mac_addr &mac) {
     char text[18];
     snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x", mac[0], mac[1], mac[2], mac[3],
              mac[4], mac[5]);
     return text;
 }
 
-std::string info_ipv4_text(uint32_t address) {
+info_string info_ipv4_text(uint32_t address) {
     char text[INET_ADDRSTRLEN] = "";
     if (address != 0) {
         inet_ntop(AF_INET, &address, text, sizeof text);
@@ -139,7 +139,7 @@ std::string info_ipv4_text(uint32_t address) {
     return text;
 }
 
-std::string info_ipv6_text(const ip6_addr &address) {
+info_string info_ipv6_text(const ip6_addr &address) {
     char text[INET6_ADDRSTRLEN] = "";
     if (address != ip6_addr{}) {
         inet_ntop(AF_INET6, address.data(), text, sizeof text);

@@ -46,19 +46,19 @@ const char *removal_reason(const std::vector<info_neighbor> &before,
     return "dropped";
 }
 
-void event_head(const char *event, long long time, const mac_addr &mac, std::string &out) {
+void event_head(const char *event, long long time, const mac_addr &mac, info_string &out) {
     out += "{\"event\":\"";
     out += event;
     out += "\",\"time\":" + info_number(time) + ",\"mac\":\"" + info_mac_text(mac) + "\"";
 }
 
-void event_tail(const info_json_members &neighbor, std::string &out) {
+void event_tail(const info_json_members &neighbor, info_string &out) {
     out += ",\"neighbor\":";
     info_json_object(neighbor, out);
     out += "}\n";
 }
 
-const std::string *member(const info_json_members &members, const char *key) {
+const info_string *member(const info_json_members &members, const char *key) {
     for (const auto &m : members) {
         if (std::string_view(m.first) == key) {
             return &m.second;
@@ -72,7 +72,7 @@ std::vector<const char *> changed_fields(const info_json_members &old_members,
                                          const info_json_members &new_members) {
     std::vector<const char *> fields;
     for (const auto &m : new_members) {
-        const std::string *old_value = member(old_members, m.first);
+        const info_string *old_value = member(old_members, m.first);
         if (old_value == nullptr || *old_value != m.second) {
             fields.push_back(m.first);
         }
@@ -88,7 +88,7 @@ std::vector<const char *> changed_fields(const info_json_members &old_members,
 }  // namespace
 
 void info_watch_changes(const std::vector<info_neighbor> &before,
-                        const std::vector<info_neighbor> &after, long long time, std::string &out) {
+                        const std::vector<info_neighbor> &after, long long time, info_string &out) {
     for (const info_neighbor &old : before) {
         if (find_mac(after, old.info.mac) == nullptr) {
             event_head("removed", time, old.info.mac, out);
@@ -122,7 +122,7 @@ void info_watch_changes(const std::vector<info_neighbor> &before,
     }
 }
 
-void info_watch_daemon(bool up, long long time, std::string &out) {
+void info_watch_daemon(bool up, long long time, info_string &out) {
     out += up ? "{\"event\":\"daemon_up\",\"time\":" : "{\"event\":\"daemon_down\",\"time\":";
     out += info_number(time) + "}\n";
 }

@@ -26,25 +26,25 @@ constexpr int EXIT_USAGE = 2;
 // The textfile collector runs as another user: the metrics file is world-readable.
 constexpr mode_t METRICS_FILE_MODE = 0644;
 
-bool read_neighbors(std::vector<info_neighbor> &neighbors, std::string &error) {
+bool read_neighbors(std::vector<info_neighbor> &neighbors, info_string &error) {
     std::vector<uint8_t> answer;
     return info_fetch(INFO_RUN_DIR, answer, error) &&
            info_decode_answer(answer, info_static_macs(STATIC_NEIGHBOR_CONF_PATH), neighbors,
                               error);
 }
 
-void report(const std::string &error) {
+void report(const info_string &error) {
     fprintf(stderr, "tarn-info: %s\n", error.c_str());
 }
 
-bool write_out(const std::string &text) {
+bool write_out(const info_string &text) {
     return fwrite(text.data(), 1, text.size(), stdout) == text.size() && fflush(stdout) == 0;
 }
 
 // Writes text to path through a temporary file in the same directory and a rename, so a reader
 // sees the old file or the new one, never a part.
-bool write_file_atomically(const std::string &path, const std::string &text, std::string &error) {
-    std::string tmp = path + "." + info_number(getpid()) + ".tmp";
+bool write_file_atomically(const info_string &path, const info_string &text, info_string &error) {
+    info_string tmp = path + "." + info_number(getpid()) + ".tmp";
     unlink(tmp.c_str());  // a path of this pid is this process's own
     int fd =
         open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, METRICS_FILE_MODE);
@@ -73,7 +73,7 @@ void sleep_interruptibly(long seconds) {
 
 int run_json() {
     std::vector<info_neighbor> neighbors;
-    std::string error;
+    info_string error;
     if (!read_neighbors(neighbors, error)) {
         report(error);
         return EXIT_FAILED;
@@ -85,7 +85,7 @@ int run_prometheus(const info_options &options) {
     int status = 0;
     do {
         std::vector<info_neighbor> neighbors;
-        std::string error;
+        info_string error;
         bool up = read_neighbors(neighbors, error);
         if (!up) {
             report(error);
@@ -97,7 +97,7 @@ int run_prometheus(const info_options &options) {
             status = 0;
         }
         // Without a daemon the file still says so (tarn_up 0), for the exporter and the alerts.
-        std::string text = info_prometheus_text(up, neighbors);
+        info_string text = info_prometheus_text(up, neighbors);
         if (options.output.empty()) {
             return write_out(text) ? 0 : EXIT_FAILED;
         }
@@ -117,9 +117,9 @@ int run_watch(const info_options &options) {
     bool first = true;
     while (!info_interrupted()) {
         std::vector<info_neighbor> after;
-        std::string error;
+        info_string error;
         bool up = read_neighbors(after, error);
-        std::string events;
+        info_string events;
         long long now = static_cast<long long>(time(nullptr));
         if (up != was_up) {
             info_watch_daemon(up, now, events);
@@ -144,7 +144,7 @@ int run_watch(const info_options &options) {
 
 int main(int argc, char **argv) {
     info_options options;
-    std::string error;
+    info_string error;
     if (!info_parse_options(argc, argv, options, error)) {
         fprintf(stderr, "tarn-info: %s\n%s\n", error.c_str(), INFO_USAGE);
         return EXIT_USAGE;

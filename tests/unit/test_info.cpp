@@ -10,6 +10,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <functional>
 #include <memory>
@@ -42,9 +43,9 @@ using json = std::unique_ptr<cJSON, cjson_deleter>;
 struct text_row {
     const char *what;
     std::string raw;
-    std::string clean;  // after the UTF-8 rule
+    info_string clean;  // after the UTF-8 rule
     std::string json;   // the JSON string of the clean text
-    std::string label;  // the Prometheus label value of the clean text
+    info_string label;  // the Prometheus label value of the clean text
 };
 
 const text_row TEXT_ROWS[] = {
@@ -84,19 +85,19 @@ class TextRule : public ::testing::TestWithParam<text_row> {};
 
 TEST_P(TextRule, CleanThenEscapeOnce) {
     const text_row &row = GetParam();
-    std::string clean;
+    info_string clean;
     info_utf8_clean(row.raw, clean);
-    EXPECT_EQ(clean, row.clean) << row.what;
-    std::string json_text;
+    EXPECT_EQ(std::string_view(clean), row.clean) << row.what;
+    info_string json_text;
     info_json_string(clean, json_text);
-    EXPECT_EQ(json_text, row.json) << row.what;
-    std::string label;
+    EXPECT_EQ(std::string_view(json_text), row.json) << row.what;
+    info_string label;
     info_prom_label(clean, label);
-    EXPECT_EQ(label, row.label) << row.what;
+    EXPECT_EQ(std::string_view(label), row.label) << row.what;
     // What JSON readers get back is exactly the clean text.
     json parsed(cJSON_Parse(json_text.c_str()));
     ASSERT_TRUE(cJSON_IsString(parsed.get())) << row.what;
-    EXPECT_EQ(std::string(parsed->valuestring), clean) << row.what;
+    EXPECT_EQ(std::string_view(parsed->valuestring), clean) << row.what;
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, TextRule, ::testing::ValuesIn(TEXT_ROWS));
@@ -226,7 +227,7 @@ class StaticMerge : public ::testing::TestWithParam<size_t> {};
 TEST_P(StaticMerge, ReportsEachNeighborOnceWithItsLists) {
     const merge_row &row = merge_rows()[GetParam()];
     std::vector<info_neighbor> neighbors;
-    std::string error;
+    info_string error;
     ASSERT_TRUE(
         info_decode_answer(list_answer(row.answer), macs_of(row.file_macs), neighbors, error))
         << error;
@@ -236,7 +237,7 @@ TEST_P(StaticMerge, ReportsEachNeighborOnceWithItsLists) {
     for (size_t i = 0; i < row.expected.size(); ++i) {
         const expect_neighbor &want = row.expected[i];
         const cJSON *n = cJSON_GetArrayItem(list, static_cast<int>(i));
-        EXPECT_EQ(std::string(cJSON_GetObjectItem(n, "mac")->valuestring),
+        EXPECT_EQ(std::string_view(cJSON_GetObjectItem(n, "mac")->valuestring),
                   info_mac_text(mac_of(want.mac)))
             << row.what;
         EXPECT_EQ(cJSON_IsTrue(cJSON_GetObjectItem(n, "learned")), want.learned) << row.what;
@@ -262,7 +263,7 @@ TEST(AnswerDecode, FieldsOfOneEntry) {
     info.cluster_flag = 1;
     info.cluster_id = 4000000000u;
     std::vector<info_neighbor> neighbors;
-    std::string error;
+    info_string error;
     ASSERT_TRUE(info_decode_answer(list_answer({info}), {}, neighbors, error));
     json n(cJSON_Parse(info_json_document(neighbors).c_str()));
     const cJSON *got = cJSON_GetArrayItem(cJSON_GetObjectItem(n.get(), "neighbors"), 0);
@@ -334,7 +335,7 @@ TEST(AnswerDecode, BoundedByTheDatagramOnly) {
     };
     for (const decode_row &row : rows) {
         std::vector<info_neighbor> neighbors;
-        std::string error;
+        info_string error;
         EXPECT_EQ(info_decode_answer(row.answer, {}, neighbors, error), row.decodes) << row.what;
         EXPECT_EQ(neighbors.size(), row.entries) << row.what;
         EXPECT_EQ(error.empty(), row.decodes) << row.what;
@@ -347,7 +348,7 @@ TEST(Prometheus, HostileTextsAndRepeatedMacs) {
     ap_info hostile = entry(7);
     strcpy(hostile.name, "a\"b\nc\\<img src=x>\xff");
     std::vector<info_neighbor> neighbors = {{hostile, true, false, 0}, {entry(7), false, true, 3}};
-    std::string text = info_prometheus_text(true, neighbors);
+    info_string text = info_prometheus_text(true, neighbors);
     EXPECT_NE(text.find("name=\"a\\\"b\\nc\\\\\\\\<img src=x>\\\\xff\""), std::string::npos)
         << text;
     // A MAC listed twice gives one series, which keeps the scrape valid.
@@ -425,15 +426,15 @@ TEST(Watch, EventsAndWhyEntriesLeft) {
          {"\"fields\":[\"static\",\"static_state\",\"static_state_name\"]"}},
     };
     for (const watch_row &row : rows) {
-        std::string out;
+        info_string out;
         info_watch_changes(row.before, row.after, 9, out);
-        std::vector<std::string> lines;
+        std::vector<info_string> lines;
         for (size_t at = 0, nl; (nl = out.find('\n', at)) != std::string::npos; at = nl + 1) {
             lines.push_back(out.substr(at, nl - at));
         }
         ASSERT_EQ(lines.size(), row.lines.size()) << row.what << "\n" << out;
         for (size_t i = 0; i < lines.size(); ++i) {
-            EXPECT_NE(lines[i].find(row.lines[i]), std::string::npos)
+            EXPECT_NE(lines[i].find(std::string_view(row.lines[i])), info_string::npos)
                 << row.what << ": " << lines[i];
             EXPECT_TRUE(json(cJSON_Parse(lines[i].c_str()))) << row.what << ": " << lines[i];
         }
@@ -474,7 +475,7 @@ TEST(Options, IntervalsAtTheirLimits) {
         std::vector<const char *> argv = {"tarn-info"};
         argv.insert(argv.end(), r.args.begin(), r.args.end());
         info_options options;
-        std::string error;
+        info_string error;
         std::string line;
         for (const char *a : r.args) {
             line += std::string(a) + " ";
@@ -506,18 +507,18 @@ class InfoFiles : public ::testing::Test {
     }
     void TearDown() override {
         if (!dir_.empty()) {
-            std::string cmd = "rm -rf '" + dir_ + "'";
+            info_string cmd = "rm -rf '" + dir_ + "'";
             ASSERT_EQ(system(cmd.c_str()), 0);
         }
     }
 
-    timespec mtime_of(const std::string &path) {
+    timespec mtime_of(const info_string &path) {
         struct stat st {};
         lstat(path.c_str(), &st);
         return st.st_mtim;
     }
 
-    std::string dir_;
+    info_string dir_;
     info_cache_paths paths_;
 };
 
@@ -525,22 +526,22 @@ TEST_F(InfoFiles, CacheIsTrustedOnlyWhenPrivateRootOwnedAndFresh) {
     const bytes answer = list_answer({entry(1)});
     struct row {
         const char *what;
-        std::function<void(const std::string &)> spoil;
+        std::function<void(const info_string &)> spoil;
         long age_s;
         bool used;
     };
     const row rows[] = {
-        {"fresh", [](const std::string &) {}, 0, true},
-        {"5 s old", [](const std::string &) {}, INFO_CACHE_MAX_AGE_S, true},
-        {"6 s old", [](const std::string &) {}, INFO_CACHE_MAX_AGE_S + 1, false},
-        {"from the future", [](const std::string &) {}, -2, false},
-        {"mode 0644", [](const std::string &p) { chmod(p.c_str(), 0644); }, 0, false},
-        {"owned by nobody", [](const std::string &p) { ASSERT_EQ(chown(p.c_str(), 65534, 0), 0); },
+        {"fresh", [](const info_string &) {}, 0, true},
+        {"5 s old", [](const info_string &) {}, INFO_CACHE_MAX_AGE_S, true},
+        {"6 s old", [](const info_string &) {}, INFO_CACHE_MAX_AGE_S + 1, false},
+        {"from the future", [](const info_string &) {}, -2, false},
+        {"mode 0644", [](const info_string &p) { chmod(p.c_str(), 0644); }, 0, false},
+        {"owned by nobody", [](const info_string &p) { ASSERT_EQ(chown(p.c_str(), 65534, 0), 0); },
          0, false},
-        {"hard-linked", [&](const std::string &p) { link(p.c_str(), (dir_ + "/x").c_str()); }, 0,
+        {"hard-linked", [&](const info_string &p) { link(p.c_str(), (dir_ + "/x").c_str()); }, 0,
          false},
         {"a link to a private file",
-         [&](const std::string &p) {
+         [&](const info_string &p) {
              rename(p.c_str(), (dir_ + "/real").c_str());
              ASSERT_EQ(symlink((dir_ + "/real").c_str(), p.c_str()), 0);
          },
@@ -563,7 +564,7 @@ TEST_F(InfoFiles, CacheIsTrustedOnlyWhenPrivateRootOwnedAndFresh) {
 }
 
 TEST_F(InfoFiles, WriteNeverFollowsAPlantedTemporaryFile) {
-    std::string victim = dir_ + "/victim";
+    info_string victim = dir_ + "/victim";
     FILE *f = fopen(victim.c_str(), "w");
     fputs("keep", f);
     fclose(f);
@@ -597,7 +598,7 @@ TEST_F(InfoFiles, UntrustedLockIsReplaced) {
 }
 
 TEST_F(InfoFiles, ReplyPathOfThisPidIsTakenOverOnlyWhenItIsASocket) {
-    std::string own = dir_ + "/tarn_info." + std::to_string(getpid());
+    info_string own = dir_ + "/tarn_info." + info_number(getpid());
     sockaddr_un addr{};
     addr.sun_family = AF_UNIX;
     strcpy(addr.sun_path, own.c_str());
@@ -605,7 +606,7 @@ TEST_F(InfoFiles, ReplyPathOfThisPidIsTakenOverOnlyWhenItIsASocket) {
     ASSERT_EQ(bind(stale, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
     close(stale);  // a socket path left by an earlier process of this pid
     bytes got;
-    std::string error;
+    info_string error;
     // No daemon here: the call gets as far as sending, past the bind, and fails there.
     EXPECT_FALSE(info_exchange(dir_, 100, got, error));
     EXPECT_NE(error.find("no daemon"), std::string::npos) << error;
@@ -620,14 +621,14 @@ TEST_F(InfoFiles, ReplyPathOfThisPidIsTakenOverOnlyWhenItIsASocket) {
 
 // A stand-in daemon bound at dir/tarn_socket answers each request with reply_len bytes.
 TEST_F(InfoFiles, ExchangeTakesAnAnswerUpToTheDatagramLimit) {
-    std::string daemon_path = dir_ + "/" + INFO_DAEMON_SOCKET;
+    info_string daemon_path = dir_ + "/" + INFO_DAEMON_SOCKET;
     sockaddr_un addr{};
     addr.sun_family = AF_UNIX;
     strcpy(addr.sun_path, daemon_path.c_str());
     int daemon = socket(AF_UNIX, SOCK_DGRAM, 0);
     ASSERT_EQ(bind(daemon, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
     int sndbuf = 4 * NBCP_LIST_MAX;
-    EXPECT_TRUE(info_daemon_alive(dir_));
+    EXPECT_EQ(info_daemon_probe(dir_), 0);
     for (size_t reply_len : {size_t{NBCP_LIST_MAX}, size_t{NBCP_LIST_MAX} + 1}) {
         std::thread answer([&] {
             uint8_t request[64];
@@ -647,18 +648,19 @@ TEST_F(InfoFiles, ExchangeTakesAnAnswerUpToTheDatagramLimit) {
             close(out);
         });
         bytes got;
-        std::string error;
+        info_string error;
         bool ok = info_exchange(dir_, 5000, got, error);
         answer.join();
         EXPECT_EQ(ok, reply_len <= NBCP_LIST_MAX) << reply_len << ": " << error;
         EXPECT_EQ(got.size(), ok ? reply_len : got.size());
         // The reply socket's path is gone again.
-        std::string own = dir_ + "/tarn_info." + std::to_string(getpid());
+        info_string own = dir_ + "/tarn_info." + info_number(getpid());
         EXPECT_NE(access(own.c_str(), F_OK), 0);
     }
-    close(daemon);
+    close(daemon);  // a stopped daemon leaves its socket path behind
+    EXPECT_EQ(info_daemon_probe(dir_), ECONNREFUSED);
     unlink(daemon_path.c_str());
-    EXPECT_FALSE(info_daemon_alive(dir_));
+    EXPECT_EQ(info_daemon_probe(dir_), ENOENT);
 }
 
 }  // namespace
