@@ -112,18 +112,16 @@ def start_prometheus(lab, bridge, timeout=60.0):
     until it is ready; returns its pid (also added to lab.monitor_pids)."""
     ns = prometheus_netns(lab)
     ip4, ip6 = prometheus_addresses(lab)
-    nsutil.netns_add(ns)
-    for key in ("all", "default"):
-        nsutil.netns_sysctl(ns, f"net.ipv6.conf.{key}.accept_dad", 0)
-    nsutil.run(["ip", "-n", lab.bridge_netns, "link", "add", PROMETHEUS_NODE, "type", "veth",
-                "peer", "name", "eth0", "netns", ns])
-    nsutil.run(["ip", "-n", lab.bridge_netns, "link", "set", PROMETHEUS_NODE, "master", bridge,
-                "up"])
-    nsutil.run(["ip", "-n", ns, "addr", "add", f"{ip4}/{lab.aps[0].config['prefix4']}",
-                "dev", "eth0"])
-    nsutil.run(["ip", "-n", ns, "addr", "add", f"{ip6}/{lab.aps[0].config['prefix6']}",
-                "dev", "eth0", "nodad"])
-    nsutil.run(["ip", "-n", ns, "link", "set", "eth0", "up"])
+    nsutil.run_batches([((), [f"netns add {ns}"])])
+    nsutil.sysctl_in(ns, [(f"net.ipv6.conf.{key}.accept_dad", 0) for key in ("all", "default")])
+    nsutil.run_batches([(("-n", lab.bridge_netns),
+                         [f"link add {PROMETHEUS_NODE} type veth peer name eth0 netns {ns}",
+                          f"link set {PROMETHEUS_NODE} master {bridge} up"])])
+    nsutil.run_batches([(("-n", ns),
+                         ["link set lo up",
+                          f"addr add {ip4}/{lab.aps[0].config['prefix4']} dev eth0",
+                          f"addr add {ip6}/{lab.aps[0].config['prefix6']} dev eth0 nodad",
+                          "link set eth0 up"])])
 
     directory = prometheus_dir(lab)
     os.makedirs(os.path.join(directory, "data"), exist_ok=True)
