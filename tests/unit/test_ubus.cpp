@@ -88,13 +88,53 @@ TEST(ShowTable, ReadsPrintedLinesAsOneObjectPerLine) {
 TEST(StaticMethods, ReplyAndList) {
     SKIP_UNLESS_ROOT();
     const std::string A = "00:11:22:33:44:55 0.0.0.0 :: 4";
+    const std::string EIGHT = R"({"neighbor_list":[{"mac":"0:0:0:0:0:1"},{"mac":"0:0:0:0:0:2"},)"
+                              R"({"mac":"0:0:0:0:0:3"},{"mac":"0:0:0:0:0:4"},)"
+                              R"({"mac":"0:0:0:0:0:5"},{"mac":"0:0:0:0:0:6"},)"
+                              R"({"mac":"0:0:0:0:0:7"},{"mac":"0:0:0:0:0:8"}]})";
+    const std::string EIGHT_LIST =
+        "00:00:00:00:00:08 255.255.255.255 :: 4; 00:00:00:00:00:07 255.255.255.255 :: 4; "
+        "00:00:00:00:00:06 255.255.255.255 :: 4; 00:00:00:00:00:05 255.255.255.255 :: 4; "
+        "00:00:00:00:00:04 255.255.255.255 :: 4; 00:00:00:00:00:03 255.255.255.255 :: 4; "
+        "00:00:00:00:00:02 255.255.255.255 :: 4; 00:00:00:00:00:01 255.255.255.255 :: 4";
     const struct {
         method_handler handler;
-        const char *request;
+        std::string request;
         const char *reply;
         std::string list_after;
+        std::string before = R"({"mac":"00:11:22:33:44:55"})";  // an add of A, or a replace
     } cases[] = {
-        {ubus_static_mac_add, nullptr, PARSE_FAILED, A},
+        {ubus_static_mac_add, "", PARSE_FAILED, A},
+        // The list holds 8 nodes: a replace keeps the first 8 elements, an add of a new MAC to
+        // a full list fails and changes nothing, an add of a known one still updates it.
+        {ubus_static_mac_qv, EIGHT, OK, EIGHT_LIST},
+        {ubus_static_mac_qv, EIGHT.substr(0, EIGHT.size() - 2) + R"(,{"mac":"0:0:0:0:0:9"}]})", OK,
+         EIGHT_LIST},
+        {ubus_static_mac_add, R"({"mac":"0:0:0:0:0:9"})", FAIL, EIGHT_LIST, EIGHT},
+        {ubus_static_mac_add, R"({"mac":"0:0:0:0:0:8","ip":"1.2.255.3"})", OK,
+         "00:00:00:00:00:08 1.2.255.3 :: 4" + EIGHT_LIST.substr(EIGHT_LIST.find(';')), EIGHT},
+        {ubus_static_mac_add, R"({"mac":"0:0:0:0:0:1","ip":"1.2.256.3"})", OK,
+         "00:00:00:00:00:01 255.255.255.255 :: 4; " + A},
+        // Texts at their length and one past: a MAC of 63 characters and an IPv4 text of 15 are
+        // taken by an add, one more character is refused.
+        {ubus_static_mac_add,
+         R"({"mac":"1:2:3:4:5:000000000000000000000000000000000000000000000000)"
+         R"(00004","ip":"192.168.100.200"})",
+         OK, "01:02:03:04:05:04 192.168.100.200 :: 4; " + A},
+        {ubus_static_mac_add,
+         R"({"mac":"1:2:3:4:5:000000000000000000000000000000000000000000000000)"
+         R"(000004"})",
+         FAIL, A},
+        {ubus_static_mac_add, R"({"mac":"0:0:0:0:0:1","ip":"192.168.100.2001"})", FAIL, A},
+        // A replace cuts "mac" after 17 characters, "ip" after 15 and "ip6" after 45.
+        {ubus_static_mac_qv,
+         R"({"neighbor_list":[{"mac":"00:11:22:33:44:5f5","ip":"192.168.100.2001",)"
+         R"("ip6":"0000:0000:0000:0000:0000:ffff:192.168.100.2001"},)"
+         R"({"mac":"00:11:22:33:44:f5","ip":"192.168.100.200",)"
+         R"("ip6":"0000:0000:0000:0000:0000:ffff:192.168.100.200"}]})",
+         OK,
+         "00:11:22:33:44:f5 192.168.100.200 ::ffff:192.168.100.200 4; "
+         "00:11:22:33:44:5f 192.168.100.200 ::ffff:192.168.100.200 4"},
         {ubus_static_mac_del, R"({"other":"x"})", OK, A},
         // Each element is taken, the address defaults to all ones, the last becomes the head.
         {ubus_static_mac_qv,
@@ -104,15 +144,16 @@ TEST(StaticMethods, ReplyAndList) {
          "00:00:00:00:00:00 255.255.255.255 :: 4; 66:77:88:99:aa:bb 127.0.0.3 fd00::3 4; "
          "00:11:22:33:44:55 255.255.255.255 :: 4"},
         {ubus_static_mac_qv, R"({"neighbor_list":{"mac":"66:77:88:99:aa:bb"}})", FAIL, A},
-        {ubus_static_mac_qv, nullptr, NO_JSON, A},
+        {ubus_static_mac_qv, "", NO_JSON, A},
         // The first delete's failure does not decide the reply.
         {ubus_static_mac_qv_del,
          R"({"mac_list":[{"mac":"00:00:00:00:00:77"},{"mac":"00:11:22:33:44:55"}]})", OK, ""},
     };
     for (const auto &c : cases) {
         std::string seen = static_env::run([&c] {
-            call(ubus_static_mac_add, R"({"mac":"00:11:22:33:44:55"})");
-            std::string reply = call(c.handler, c.request);
+            bool replace = c.before.find("neighbor_list") != std::string::npos;
+            call(replace ? ubus_static_mac_qv : ubus_static_mac_add, c.before.c_str());
+            std::string reply = call(c.handler, c.request.empty() ? nullptr : c.request.c_str());
             return reply + " | " + list_text();
         });
         EXPECT_EQ(seen, c.reply + (" | " + c.list_after)) << c.request;
