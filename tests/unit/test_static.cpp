@@ -247,7 +247,7 @@ INSTANTIATE_TEST_SUITE_P(
                   "00:00:00:00:00:01 0.0.0.0 :: 4"},
         // A file of 1 MiB is read; one byte more and it is not.
         load_case{"file of 1 MiB", nullptr, "0 | 00:00:00:00:00:05 0.0.0.0 :: 4"},
-        load_case{"file of 1 MiB and a byte", nullptr, "-1 | 02:00:00:00:00:99 0.0.0.0 :: 4"}));
+        load_case{"file of 1 MiB and a byte", nullptr, "-1 | "}));
 
 TEST(StaticFile, LoadsReversedAndWritesTheFormattedTextInLowerCase) {
     SKIP_UNLESS_ROOT();
