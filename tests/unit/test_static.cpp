@@ -129,6 +129,19 @@ INSTANTIATE_TEST_SUITE_P(
                    },
                    "1 [00:11:22:33:44:55 00:11:22:33:44:55] 0 00:11:22:33:44:55 10.0.0.1 fd00::7 4 "
                    "0 []"},
+        store_case{"replace takes 8 records, and the first 8 of 9",
+                   [](std::ostream &out) {
+                       ap_info nine[9];
+                       for (int i = 0; i < 9; ++i) {
+                           nine[i] = record(mac_n(i + 1), "10.0.0.1");
+                       }
+                       out << static_mac_qv(nine + 1, 8) << " " << file_now() << " "
+                           << static_mac_qv(nine, 9) << " " << file_now();
+                   },
+                   "1 [00:00:00:00:00:09 00:00:00:00:00:08 00:00:00:00:00:07 00:00:00:00:00:06 "
+                   "00:00:00:00:00:05 00:00:00:00:00:04 00:00:00:00:00:03 00:00:00:00:00:02] 1 "
+                   "[00:00:00:00:00:08 00:00:00:00:00:07 00:00:00:00:00:06 00:00:00:00:00:05 "
+                   "00:00:00:00:00:04 00:00:00:00:00:03 00:00:00:00:00:02 00:00:00:00:00:01]"},
         store_case{"in cluster mode add and delete ask the configuration service to save",
                    [](std::ostream &out) {
                        static_mac_add(mac_n(1).c_str(), nullptr, nullptr);
