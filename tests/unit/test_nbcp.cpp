@@ -1,6 +1,6 @@
 // The nbcp codec: golden bytes of the three built messages, and the answer parser and the list
-// reader against hostile lengths. The golden digests of test_nbcp_golden hold the decode of
-// every type, and the fuzz targets the round trips of answers and lists.
+// reader against hostile lengths. test_nbcp_golden holds the decode of every type field by
+// field, and the fuzz targets the round trips of answers and lists.
 #include <gtest/gtest.h>
 
 #include <algorithm>
