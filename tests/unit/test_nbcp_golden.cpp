@@ -14,6 +14,7 @@
 #include <iterator>
 #include <map>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -404,18 +405,26 @@ std::vector<bytes> random_datagrams() {
     return all;
 }
 
+// The seeds' MAC and IPv6 address.
+const std::string MAC = "00:11:22:33:44:55";
+const std::string IP6 = "fe800000000000000000000000000001";
+
 // Expected fields, written from the formats and the values fuzz/make_corpus.py puts in each
-// seed. "name=value" pairs; every field not named is zero.
-fields::list expect(std::initializer_list<std::pair<std::string, std::string>> named) {
-    return fields::list(named.begin(), named.end());
+// seed: "name=value" words (MAC and IP6 stand for the seeds' own); every field not named is zero.
+fields::list expect(const std::string &named) {
+    fields::list out;
+    std::istringstream words(named);
+    for (std::string word; words >> word;) {
+        const std::string name = word.substr(0, word.find('='));
+        const std::string value = word.substr(word.find('=') + 1);
+        out[name] = value == "MAC" ? MAC : value == "IP6" ? IP6 : value;
+    }
+    return out;
 }
 
 void add(fields::list &to, const fields::list &more) {
     to.insert(more.begin(), more.end());
 }
-
-const std::string MAC = "00:11:22:33:44:55";
-const std::string IP6 = "fe800000000000000000000000000001";
 
 // Radio i of a seed carries 10i, 10i+1, ... in its fields, in the order given.
 fields::list radios(const std::string &prefix, int count,
@@ -435,23 +444,11 @@ fields::list radios(const std::string &prefix, int count,
 
 // ndsp(radiocnt, sent) of the corpus script.
 fields::list answer(int radiocnt, int sent) {
-    fields::list f = expect({{"kind", "11"},
-                             {"hdr.type", "11"},
-                             {"kind_flag", "1"},
-                             {"mode", "3"},
-                             {"ip", "0xc0a8010a"},
-                             {"mac", MAC},
-                             {"pvc_ip", "0xc0a80101"},
-                             {"cluster_id", "0x2a"},
-                             {"pvc_mac", MAC},
-                             {"cluster_flag", "1"},
-                             {"info.ip", "0xc0a8010a"},
-                             {"info.ip6", IP6},
-                             {"info.qv_ip", "0xa000001"},
-                             {"info.mac", MAC},
-                             {"info.tenantId", "tenant-1"},
-                             {"info.version", "2.4.1.1000"},
-                             {"info.name", "AP-Lobby"}});
+    fields::list f = expect(
+        "kind=11 hdr.type=11 kind_flag=1 mode=3 ip=0xc0a8010a mac=MAC pvc_ip=0xc0a80101 "
+        "cluster_id=0x2a pvc_mac=MAC cluster_flag=1 info.ip=0xc0a8010a info.ip6=IP6 "
+        "info.qv_ip=0xa000001 info.mac=MAC info.tenantId=tenant-1 info.version=2.4.1.1000 "
+        "info.name=AP-Lobby");
     f["info.radiocnt"] = std::to_string(radiocnt);
     if (radiocnt == 0) {
         f.erase("info.radiocnt");
@@ -477,169 +474,65 @@ fields::list list_entry(size_t i, int radiocnt, const std::string &name) {
     return f;
 }
 
-const std::string ITEM_0123 = "00010203";
-
 fields::list corpus_parse_expected(const std::string &seed) {
     const std::map<std::string, fields::list> seeds = {
-        {"ndrp_golden",
-         expect({{"kind", "10"}, {"hdr.type", "10"}, {"ip", "0xc0a8010a"}, {"mac", MAC}})},
-        {"ndrp_mode3", expect({{"kind", "10"},
-                               {"hdr.type", "10"},
-                               {"mode", "3"},
-                               {"ip", "0xc0a8010a"},
-                               {"mac", MAC}})},
+        {"ndrp_golden", expect("kind=10 hdr.type=10 ip=0xc0a8010a mac=MAC")},
+        {"ndrp_mode3", expect("kind=10 hdr.type=10 mode=3 ip=0xc0a8010a mac=MAC")},
         {"ndsp_no_radio", answer(0, 0)},
         {"ndsp_four_radios", answer(4, 4)},
         {"ndsp_six_radios", answer(6, 6)},
         {"ndsp_no_terminator", answer(2, 2)},
         {"ndsp_radio_count_above_sent", answer(3, 1)},
         // The name keeps its field's 31 characters and its NUL.
-        {"ndsp_long_name", expect({{"kind", "11"},
-                                   {"hdr.type", "11"},
-                                   {"info.name", std::string(31, 'n')},
-                                   {"info.state", "2"}})},
-        {"unknown_type_12", expect({{"kind", "12"}, {"hdr.type", "12"}})},
-        {"kind1_tlv", expect({{"kind", "1"},
-                              {"hdr.type", "21"},
-                              {"field1", "1"},
-                              {"address", MAC},
-                              {"field5", "5"},
-                              {"item_count", "2"},
-                              {"items[0]", ITEM_0123},
-                              {"items[1]", "0a0b0c0d"}})},
-        {"kind2_tlv", expect({{"kind", "2"},
-                              {"hdr.type", "22"},
-                              {"field1", "1"},
-                              {"address", MAC},
-                              {"entry_count", "1"},
-                              {"entries[0].address", MAC},
-                              {"entries[0].field2", "2"},
-                              {"entries[0].value", "0x9"},
-                              {"entries[0].text", "text"},
-                              {"entries[0].field6", "1"}})},
-        {"kind3_tlv", expect({{"kind", "3"},
-                              {"hdr.type", "23"},
-                              {"field1", "1"},
-                              {"item_count", "1"},
-                              {"items[0]", ITEM_0123},
-                              {"value", "0x3"},
-                              {"text1", "a"},
-                              {"text2", "b"},
-                              {"text3", "c"},
-                              {"text4", "d"}})},
-        {"kind4_tlv", expect({{"kind", "4"},
-                              {"hdr.type", "24"},
-                              {"address", MAC},
-                              {"entry_count", "1"},
-                              {"entries[0].address", MAC},
-                              {"entries[0].item_count", "1"},
-                              {"entries[0].items[0]", ITEM_0123}})},
-        {"kind5_tlv", expect({{"kind", "5"},
-                              {"hdr.type", "25"},
-                              {"value", "0x1"},
-                              {"entry_count", "0x1"},
-                              {"entries[0].field1", "1"},
-                              {"entries[0].radio_count", "1"},
-                              {"entries[0].radios[0]", ITEM_0123},
-                              {"entries[0].neighbor_count", "1"},
-                              {"entries[0].neighbors[0].address", MAC},
-                              {"entries[0].neighbors[0].item_count", "1"},
-                              {"entries[0].neighbors[0].items[0]", ITEM_0123},
-                              {"entries[0].address", MAC},
-                              {"entries[0].value1", "0x1"},
-                              {"entries[0].value2", "0x2"}})},
-        {"kind6_tlv", expect({{"kind", "6"},
-                              {"hdr.type", "26"},
-                              {"field1", "1"},
-                              {"value1", "0x2"},
-                              {"entry_count", "2"},
-                              {"entries[0]", MAC},
-                              {"entries[1]", MAC},
-                              {"value2", "0x3"}})},
+        {"ndsp_long_name",
+         expect("kind=11 hdr.type=11 info.name=" + std::string(31, 'n') + " info.state=2")},
+        {"unknown_type_12", expect("kind=12 hdr.type=12")},
+        {"kind1_tlv", expect("kind=1 hdr.type=21 field1=1 address=MAC field5=5 item_count=2 "
+                             "items[0]=00010203 items[1]=0a0b0c0d")},
+        {"kind2_tlv",
+         expect(
+             "kind=2 hdr.type=22 field1=1 address=MAC entry_count=1 entries[0].address=MAC "
+             "entries[0].field2=2 entries[0].value=0x9 entries[0].text=text entries[0].field6=1")},
+        {"kind3_tlv", expect("kind=3 hdr.type=23 field1=1 item_count=1 items[0]=00010203 value=0x3 "
+                             "text1=a text2=b text3=c text4=d")},
+        {"kind4_tlv", expect("kind=4 hdr.type=24 address=MAC entry_count=1 entries[0].address=MAC "
+                             "entries[0].item_count=1 entries[0].items[0]=00010203")},
+        {"kind5_tlv",
+         expect("kind=5 hdr.type=25 value=0x1 entry_count=0x1 entries[0].field1=1 "
+                "entries[0].radio_count=1 entries[0].radios[0]=00010203 "
+                "entries[0].neighbor_count=1 entries[0].neighbors[0].address=MAC "
+                "entries[0].neighbors[0].item_count=1 entries[0].neighbors[0].items[0]=00010203 "
+                "entries[0].address=MAC entries[0].value1=0x1 entries[0].value2=0x2")},
+        {"kind6_tlv", expect("kind=6 hdr.type=26 field1=1 value1=0x2 entry_count=2 entries[0]=MAC "
+                             "entries[1]=MAC value2=0x3")},
         // Fixed layouts: items of three bytes, the fourth left zero.
-        {"kind1_fixed", expect({{"kind", "1"},
-                                {"hdr.type", "1"},
-                                {"field1", "1"},
-                                {"field2", "2"},
-                                {"field3", "3"},
-                                {"address", MAC},
-                                {"field5", "5"},
-                                {"item_count", "2"},
-                                {"items[0]", "01020300"},
-                                {"items[1]", "04050600"}})},
-        {"kind2_fixed", expect({{"kind", "2"},
-                                {"hdr.type", "2"},
-                                {"field1", "1"},
-                                {"field2", "2"},
-                                {"field3", "3"},
-                                {"address", MAC},
-                                {"entry_count", "1"},
-                                {"entries[0].address", MAC},
-                                {"entries[0].field2", "1"},
-                                {"entries[0].field3", "2"},
-                                {"entries[0].value", "0x7"}})},
-        {"kind3_fixed", expect({{"kind", "3"},
-                                {"hdr.type", "3"},
-                                {"field1", "1"},
-                                {"field2", "2"},
-                                {"field3", "3"},
-                                {"address", MAC},
-                                {"field5", "5"},
-                                {"item_count", "1"},
-                                {"items[0]", "01020300"},
-                                {"value", "0x7"},
-                                {"text1", std::string(16, 'x')},
-                                {"text2", std::string(32, 'x')},
-                                {"text3", std::string(32, 'x')},
-                                {"text4", std::string(32, 'x')}})},
-        {"kind4_fixed", expect({{"kind", "4"},
-                                {"hdr.type", "4"},
-                                {"address", MAC},
-                                {"entry_count", "1"},
-                                {"entries[0].address", MAC},
-                                {"entries[0].item_count", "1"},
-                                {"entries[0].items[0]", "01020304"}})},
-        {"kind5_fixed", expect({{"kind", "5"},
-                                {"hdr.type", "5"},
-                                {"value", "0x1"},
-                                {"entry_count", "0x1"},
-                                {"entries[0].field1", "1"},
-                                {"entries[0].radio_count", "1"},
-                                {"entries[0].neighbor_count", "1"},
-                                {"entries[0].address", MAC},
-                                {"entries[0].value1", "0x2"},
-                                {"entries[0].value2", "0x3"},
-                                {"entries[0].radios[0]", "01020300"},
-                                {"entries[0].neighbors[0].address", MAC},
-                                {"entries[0].neighbors[0].item_count", "1"},
-                                {"entries[0].neighbors[0].items[0]", "01020304"}})},
-        {"kind6_fixed", expect({{"kind", "6"},
-                                {"hdr.type", "6"},
-                                {"field1", "1"},
-                                {"value1", "0x2"},
-                                {"entry_count", "1"},
-                                {"entries[0]", MAC},
-                                {"value2", "0x3"}})},
-        {"type15_subtype2_flag", expect({{"kind", "15"},
-                                         {"hdr.type", "15"},
-                                         {"hdr.flag", "1"},
-                                         {"subtype", "0x2"},
-                                         {"value", "0x5"},
-                                         {"address", MAC}})},
-        {"type15_subtype3", expect({{"kind", "15"},
-                                    {"hdr.type", "15"},
-                                    {"subtype", "0x3"},
-                                    {"value", "0x5"},
-                                    {"address", MAC}})},
-        {"type16", expect({{"kind", "16"},
-                           {"hdr.type", "16"},
-                           {"count", "2"},
-                           {"address", MAC},
-                           {"groups[0]", "010203"},
-                           {"groups[1]", "040506"}})},
+        {"kind1_fixed", expect("kind=1 hdr.type=1 field1=1 field2=2 field3=3 address=MAC field5=5 "
+                               "item_count=2 items[0]=01020300 items[1]=04050600")},
+        {"kind2_fixed", expect("kind=2 hdr.type=2 field1=1 field2=2 field3=3 address=MAC "
+                               "entry_count=1 entries[0].address=MAC entries[0].field2=1 "
+                               "entries[0].field3=2 entries[0].value=0x7")},
+        {"kind3_fixed", expect("kind=3 hdr.type=3 field1=1 field2=2 field3=3 address=MAC field5=5 "
+                               "item_count=1 items[0]=01020300 value=0x7 text1=" +
+                               std::string(16, 'x') + " text2=" + std::string(32, 'x') + " text3=" +
+                               std::string(32, 'x') + " text4=" + std::string(32, 'x'))},
+        {"kind4_fixed", expect("kind=4 hdr.type=4 address=MAC entry_count=1 entries[0].address=MAC "
+                               "entries[0].item_count=1 entries[0].items[0]=01020304")},
+        {"kind5_fixed",
+         expect("kind=5 hdr.type=5 value=0x1 entry_count=0x1 entries[0].field1=1 "
+                "entries[0].radio_count=1 entries[0].neighbor_count=1 entries[0].address=MAC "
+                "entries[0].value1=0x2 entries[0].value2=0x3 entries[0].radios[0]=01020300 "
+                "entries[0].neighbors[0].address=MAC entries[0].neighbors[0].item_count=1 "
+                "entries[0].neighbors[0].items[0]=01020304")},
+        {"kind6_fixed",
+         expect("kind=6 hdr.type=6 field1=1 value1=0x2 entry_count=1 entries[0]=MAC value2=0x3")},
+        {"type15_subtype2_flag",
+         expect("kind=15 hdr.type=15 hdr.flag=1 subtype=0x2 value=0x5 address=MAC")},
+        {"type15_subtype3", expect("kind=15 hdr.type=15 subtype=0x3 value=0x5 address=MAC")},
+        {"type16",
+         expect("kind=16 hdr.type=16 count=2 address=MAC groups[0]=010203 groups[1]=040506")},
     };
     auto it = seeds.find(seed);
-    return it == seeds.end() ? expect({{"(seed)", "no expectation written"}}) : it->second;
+    return it == seeds.end() ? expect("(seed)=unwritten") : it->second;
 }
 
 // The reader's array as `tarn show` holds it (67 entries), and the count it returned.
@@ -673,7 +566,7 @@ fields::list corpus_list_expected(const std::string &seed) {
         }
         f["count"] = "66";
     } else {
-        f["(seed)"] = "no expectation written";
+        f["(seed)"] = "unwritten";
     }
     return f;
 }
