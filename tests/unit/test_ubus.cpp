@@ -64,11 +64,55 @@ TEST(DebugGet, RepliesBothTablesWithInt32Values) {
 }
 
 // The printed table of the command-line client, read as the show methods read it.
+// "a\n" then data lines "1" to "n", and the reply to it: at most 127 lines are kept.
+std::string numbered_lines(int n) {
+    std::string text = "a\n";
+    for (int i = 1; i <= n; ++i) {
+        text += std::to_string(i) + "\n";
+    }
+    return text;
+}
+
+std::string numbered_reply(int n) {
+    std::string reply = R"({"result":[)";
+    for (int i = 1; i <= n; ++i) {
+        reply += (i > 1 ? "," : "") + (R"({"a":")" + std::to_string(i) + "\"}");
+    }
+    return reply + "]}";
+}
+
+// "c1 ... cn\n" then "w1 ... wn\n", and the reply when the first `kept` words are kept.
+std::pair<std::string, std::string> words_line(int n, int kept) {
+    std::string names, words, members;
+    for (int i = 1; i <= n; ++i) {
+        names += "c" + std::to_string(i) + " ";
+        words += "w" + std::to_string(i) + " ";
+        if (i <= kept) {
+            members += (i > 1 ? "," : "") +
+                       ("\"c" + std::to_string(i) + "\":\"w" + std::to_string(i) + "\"");
+        }
+    }
+    return {names + "\n" + words + "\n", R"({"result":[{)" + members + "}]}"};
+}
+
 TEST(ShowTable, ReadsPrintedLinesAsOneObjectPerLine) {
+    const std::string w31(31, 'w');
+    const std::string x31(31, 'x');
     const struct {
         std::string printed;
-        const char *reply;
+        std::string reply;
     } cases[] = {
+        // Limits: words of 31 characters, 20 words a line, 127 lines, reads of 1023 characters.
+        {"a b\n" + w31 + " " + w31 + "w\n",
+         R"({"result":[{"a":")" + w31 + R"(","b":")" + w31 + R"("}]})"},
+        {words_line(20, 20).first, words_line(20, 20).second},
+        {words_line(21, 21).first, words_line(21, 20).second},
+        {numbered_lines(127), numbered_reply(127)},
+        {numbered_lines(128), numbered_reply(127)},
+        // 1023 characters with the line feed are one read; one more leaves the feed to a second.
+        {"a\n" + std::string(1020, 'x') + " z\n", R"({"result":[{"a":")" + x31 + R"("}]})"},
+        {"a\n" + std::string(1021, 'x') + " z\n",
+         R"({"result":[{"a":")" + x31 + R"("},{"a":"\n"}]})"},
         {"mac  ip\naa:bb   1.2.3.4 extra\n", R"({"result":[{"mac":"aa:bb","ip":"1.2.3.4"}]})"},
         {"a b\n\nc d\n", R"({"result":[{"a":"\n"},{"a":"c","b":"d"}]})"},
         {"radioid rssi radioid rssi\n0 40 1 35\n",
