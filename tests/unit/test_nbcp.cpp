@@ -173,9 +173,11 @@ bool after_radios_clear(const ap_info &info) {
 
 std::string ndsp_summary(const nbcp_msg &m) {
     const nbcp_ndsp &r = m.m.ndsp;
-    std::string s = "mode " + std::to_string(r.mode) + " ip " + std::to_string(r.ip) + " state " +
-                    std::to_string(r.info.state) + " name [" + r.info.name + "] version [" +
-                    r.info.version + "] radios " + std::to_string(r.info.radiocnt);
+    std::string s =
+        "mode " + std::to_string(r.mode) + " ip " + std::to_string(r.ip) + " state " +
+        std::to_string(r.info.state) + " name [" + r.info.name + "] version [" + r.info.version +
+        "] radios " + std::to_string(r.info.radiocnt) +
+        (r.info.tenantId[0] != 0 ? " tenant [" + std::string(r.info.tenantId) + "]" : "");
     for (const radio_info &radio : r.info.radio) {
         s += " " + std::to_string(radio.radioid) + "/" + std::to_string(radio.channel);
     }
@@ -214,6 +216,27 @@ TEST(NbcpParse, HostileAnswers) {
          "mode 2 ip 0 state 0 name [before] version [v2] radios 4 1/31 2/32 3/33 4/34"},
         {"five short radios: four kept", answer_with_radios(5, false).end().get(),
          "mode 2 ip 0 state 0 name [before] version [v2] radios 5 1/31 2/32 3/33 4/34"},
+        // Texts at their fields' capacity less one (name 31, version 15, tenant 63), and one
+        // more, which is cut there.
+        {"texts that fit",
+         tlv_bytes::answer()
+             .str(142, std::string(31, 'n'))
+             .str(141, std::string(15, 'v'))
+             .str(154, std::string(63, 't'))
+             .end()
+             .get(),
+         "mode 0 ip 0 state 0 name [" + std::string(31, 'n') + "] version [" +
+             std::string(15, 'v') + "] radios 0 tenant [" + std::string(63, 't') + "]" + none},
+        {"texts one too long",
+         tlv_bytes::answer()
+             .str(142, std::string(32, 'n'))
+             .str(141, std::string(16, 'v'))
+             .str(154, std::string(64, 't'))
+             .u8(135, 7)
+             .end()
+             .get(),
+         "mode 7 ip 0 state 0 name [" + std::string(31, 'n') + "] version [" +
+             std::string(15, 'v') + "] radios 0 tenant [" + std::string(63, 't') + "]" + none},
         {"string longer than the datagram", tlv_bytes::answer().el_len(142, 9000, {'a', 'b'}).get(),
          "mode 0 ip 0 state 0 name [ab] version [] radios 0" + none},
         {"fixed-width elements ignore their length field",
