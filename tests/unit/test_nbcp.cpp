@@ -300,6 +300,9 @@ TEST(NbcpListRead, HostileLists) {
         uint8_t fourth_channel = 0;  // of the first entry's fourth radio
     } cases[] = {
         {"capacity below the count", build_list(10), 3, 3, 0x0A000002},
+        // The client's 67 entries: a list of 67 fills them, one of 68 stops at them.
+        {"count at the capacity", build_list(67), 67, 67, 0x0A000042},
+        {"count one past the capacity", build_list(68), 67, 67, 0x0A000042},
         {"walk ends at 12000 bytes: entry 115 is not finished", build_list(130), 200, 115,
          0x0A000072},
         {"four whole radios and an unknown code", with_radios(4, true), 8, 2, 2, 39},
