@@ -40,7 +40,7 @@ TEST(DebugSet, TakesOnlyAnInt32AndAlwaysRepliesSuccess) {
     } cases[] = {
         {R"({"debug_switch":-5})", OK, -5},
         {R"({})", OK, 1},                    // absent: kept
-        {R"({"debug_switch":"1"})", OK, 1},  // not an int32: kept
+        {R"({"debug_switch":"5"})", OK, 1},  // not an int32: kept
         {nullptr, PARSE_FAILED, 1},
     };
     for (const auto &c : cases) {
