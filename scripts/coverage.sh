@@ -14,7 +14,8 @@ BUILD=${COVERAGE_BUILD_DIR:-build-cov}
 JOBS=$(nproc)
 # Atomic counters: three threads in one daemon update the same counters. No exceptions, as in
 # the package build: branches that only a throw would take are not branches of this code.
-FLAGS="--coverage -fprofile-update=atomic -fno-exceptions"
+# TARN_COVERAGE: forked test children write their counts before they _exit.
+FLAGS="--coverage -fprofile-update=atomic -fno-exceptions -DTARN_COVERAGE"
 
 cmake -S . -B "$BUILD" -DCMAKE_BUILD_TYPE=Debug -DTARN_WERROR=ON \
     -DCMAKE_C_FLAGS="$FLAGS" -DCMAKE_CXX_FLAGS="$FLAGS" \

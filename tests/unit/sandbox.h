@@ -22,8 +22,10 @@
 
 #include "core/settings.h"
 
+#ifdef TARN_COVERAGE
 // A coverage build writes its counts at exit, which the sandbox's _exit skips.
-extern "C" void __gcov_dump() __attribute__((weak));
+extern "C" void __gcov_dump();
+#endif
 
 namespace sandbox {
 
@@ -136,9 +138,9 @@ inline std::string run_in_sandbox(const std::function<std::string()> &body) {
         std::string result = failure.empty() ? body() : "sandbox failure: " + failure;
         fwrite(result.data(), 1, result.size(), result_file);
         fflush(result_file);
-        if (__gcov_dump != nullptr) {
-            __gcov_dump();
-        }
+#ifdef TARN_COVERAGE
+        __gcov_dump();
+#endif
         _exit(0);
     }
     int status = -1;  // not a normal exit: what stays when fork or waitpid fails
