@@ -39,6 +39,11 @@ TEST(DebugSet, TakesOnlyAnInt32AndAlwaysRepliesSuccess) {
         int after;
     } cases[] = {
         {R"({"debug_switch":-5})", OK, -5},
+        // An int32 at either end is taken; one past it is not an int32.
+        {R"({"debug_switch":2147483647})", OK, 2147483647},
+        {R"({"debug_switch":2147483648})", OK, 1},
+        {R"({"debug_switch":-2147483648})", OK, INT32_MIN},
+        {R"({"debug_switch":-2147483649})", OK, 1},
         {R"({})", OK, 1},                    // absent: kept
         {R"({"debug_switch":"5"})", OK, 1},  // not an int32: kept
         {nullptr, PARSE_FAILED, 1},
