@@ -9,7 +9,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <map>
@@ -474,8 +473,9 @@ fields::list list_entry(size_t i, int radiocnt, const std::string &name) {
     return f;
 }
 
-fields::list corpus_parse_expected(const std::string &seed) {
-    const std::map<std::string, fields::list> seeds = {
+// Seeds are checked by name: a seed added to the corpus needs its row here.
+std::map<std::string, fields::list> parse_seeds_expected() {
+    return {
         {"ndrp_golden", expect("kind=10 hdr.type=10 ip=0xc0a8010a mac=MAC")},
         {"ndrp_mode3", expect("kind=10 hdr.type=10 mode=3 ip=0xc0a8010a mac=MAC")},
         {"ndsp_no_radio", answer(0, 0)},
@@ -531,63 +531,41 @@ fields::list corpus_parse_expected(const std::string &seed) {
         {"type16",
          expect("kind=16 hdr.type=16 count=2 address=MAC groups[0]=010203 groups[1]=040506")},
     };
-    auto it = seeds.find(seed);
-    return it == seeds.end() ? expect("(seed)=unwritten") : it->second;
 }
 
 // The reader's array as `tarn show` holds it (67 entries), and the count it returned.
-fields::list corpus_list_expected(const std::string &seed) {
-    fields::list f;
-    auto entries = [&f](std::initializer_list<std::pair<int, const char *>> radios_and_names) {
+std::map<std::string, fields::list> list_seeds_expected() {
+    auto entries = [](const std::string &count,
+                      std::initializer_list<std::pair<int, const char *>> radios_and_names) {
+        fields::list f = {{"count", count}};
         size_t i = 0;
         for (const auto &e : radios_and_names) {
             add(f, list_entry(i++, e.first, e.second));
         }
+        return f;
     };
-    if (seed == "list_empty") {
-    } else if (seed == "list_two_entries") {
-        entries({{0, "AP-1"}, {2, "AP-2"}});
-        f["count"] = "2";
-    } else if (seed == "list_four_radios" || seed == "list_no_terminator") {
-        entries({{seed == "list_four_radios" ? 4 : 1, "AP-1"}});
-        f["count"] = "1";
-    } else if (seed == "list_six_radios_entry") {
-        entries({{6, "AP-1"}});
-        f["count"] = "1";
-    } else if (seed == "list_unclosed_entry") {
-        // The second entry's fields are stored, but without its close it is not counted.
-        entries({{1, "AP-1"}, {1, "AP-1"}});
-        f["count"] = "1";
-    } else if (seed == "list_long") {
-        // 80 entries of 181 bytes (names AP-0 to AP-9) and 182 bytes: the close of entry 65
-        // starts at byte 11,997 of the walk and ends it past 12,000, before entry 66 begins.
-        for (size_t i = 0; i <= 65; ++i) {
-            add(f, list_entry(i, 2, "AP-" + std::to_string(i)));
-        }
-        f["count"] = "66";
-    } else {
-        f["(seed)"] = "unwritten";
+    // 80 entries of 181 bytes (names AP-0 to AP-9) and 182 bytes: the close of entry 65 starts
+    // at byte 11,997 of the walk and ends it past 12,000, before entry 66 begins.
+    fields::list long_list = {{"count", "66"}};
+    for (size_t i = 0; i <= 65; ++i) {
+        add(long_list, list_entry(i, 2, "AP-" + std::to_string(i)));
     }
-    return f;
+    return {
+        {"list_empty", {}},
+        {"list_two_entries", entries("2", {{0, "AP-1"}, {2, "AP-2"}})},
+        {"list_four_radios", entries("1", {{4, "AP-1"}})},
+        {"list_no_terminator", entries("1", {{1, "AP-1"}})},
+        {"list_six_radios_entry", entries("1", {{6, "AP-1"}})},
+        // The second entry's fields are stored, but without its close it is not counted.
+        {"list_unclosed_entry", entries("1", {{1, "AP-1"}, {1, "AP-1"}})},
+        {"list_long", long_list},
+    };
 }
 
-struct seed_file {
-    std::string name;
-    bytes data;
-};
-
-std::vector<seed_file> seeds(const std::string &target) {
-    std::vector<seed_file> files;
-    for (const auto &entry :
-         std::filesystem::directory_iterator(source_dir() + "/fuzz/corpus/" + target)) {
-        std::ifstream in(entry.path(), std::ios::binary);
-        files.push_back(
-            {entry.path().filename().string(),
-             bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>())});
-    }
-    std::sort(files.begin(), files.end(),
-              [](const seed_file &a, const seed_file &b) { return a.name < b.name; });
-    return files;
+// The bytes of a seed of fuzz/corpus/<target>, or none when there is no such file.
+bytes seed_bytes(const std::string &target, const std::string &name) {
+    std::ifstream in(source_dir() + "/fuzz/corpus/" + target + "/" + name, std::ios::binary);
+    return bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 // The bytes of the union member that a record of this kind fills (the header for unknown kinds).
@@ -617,31 +595,26 @@ fields::list decoded_alone(const bytes &datagram) {
 }
 
 TEST(NbcpGolden, ParseSeedsGiveTheFieldsTheirBytesCarry) {
-    const std::vector<seed_file> files = seeds("parse");
-    ASSERT_GE(files.size(), 24u);
-    for (const seed_file &seed : files) {
-        EXPECT_EQ(differences(decoded_alone(seed.data), corpus_parse_expected(seed.name)), "")
-            << seed.name;
+    for (const auto &[name, expected] : parse_seeds_expected()) {
+        const bytes seed = seed_bytes("parse", name);
+        ASSERT_FALSE(seed.empty()) << "no seed " << name;
+        EXPECT_EQ(differences(decoded_alone(seed), expected), "") << name;
     }
 }
 
 TEST(NbcpGolden, ListSeedsGiveTheEntriesTheirBytesCarry) {
-    const std::vector<seed_file> files = seeds("list");
-    ASSERT_GE(files.size(), 7u);
-    for (const seed_file &seed : files) {
-        constexpr size_t CAPACITY = 67;
-        const bytes copy = seed.data;
+    constexpr size_t CAPACITY = 67;
+    for (const auto &[name, expected] : list_seeds_expected()) {
+        const bytes seed = seed_bytes("list", name);
+        ASSERT_FALSE(seed.empty()) << "no seed " << name;
         std::vector<ap_info> entries(CAPACITY);
-        size_t n = nbcp_list_read(copy.data(), copy.size(), entries.data(), CAPACITY);
         fields f;
-        f.num("count", uint32_t(n));
-        fields::list got = f.got();
+        f.num("count",
+              uint32_t(nbcp_list_read(seed.data(), seed.size(), entries.data(), CAPACITY)));
         for (size_t i = 0; i < CAPACITY; ++i) {
-            fields entry;
-            describe(entry, at("entries", i) + ".", entries[i]);
-            add(got, entry.got());
+            describe(f, at("entries", i) + ".", entries[i]);
         }
-        EXPECT_EQ(differences(got, corpus_list_expected(seed.name)), "") << seed.name;
+        EXPECT_EQ(differences(f.got(), expected), "") << name;
     }
 }
 
