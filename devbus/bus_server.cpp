@@ -269,7 +269,10 @@ int bus_server_run(int listen_fd, int stop_fd, const bus_service &service) {
             if (serve(c, revents, service) == step::done || now >= c.deadline_ms) {
                 close(c.fd);  // done, or too slow to be waited for any longer
             } else {
-                open[kept++] = std::move(c);
+                if (kept != i) {  // a string moved onto itself may come out empty
+                    open[kept] = std::move(c);
+                }
+                ++kept;
             }
         }
         open.erase(open.begin() + static_cast<std::ptrdiff_t>(kept), open.end());

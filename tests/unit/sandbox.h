@@ -22,6 +22,11 @@
 
 #include "core/settings.h"
 
+#ifdef TARN_COVERAGE
+// A coverage build writes its counts at exit, which the sandbox's _exit skips.
+extern "C" void __gcov_dump();
+#endif
+
 namespace sandbox {
 
 #define SKIP_UNLESS_ROOT()                                                 \
@@ -133,6 +138,9 @@ inline std::string run_in_sandbox(const std::function<std::string()> &body) {
         std::string result = failure.empty() ? body() : "sandbox failure: " + failure;
         fwrite(result.data(), 1, result.size(), result_file);
         fflush(result_file);
+#ifdef TARN_COVERAGE
+        __gcov_dump();
+#endif
         _exit(0);
     }
     int status = -1;  // not a normal exit: what stays when fork or waitpid fails

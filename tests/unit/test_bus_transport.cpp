@@ -105,26 +105,46 @@ class BusServerTest : public ::testing::Test {
     std::thread server_;
 };
 
-// A call that times out leaves the next one served, and a frame larger than any the bus takes
-// gets a status; the raw socket sends what the client code never would.
-TEST_F(BusServerTest, SlowMethodAndOversizedFrame) {
+// The status of a frame with this payload, or of a lone length field when it is not the
+// payload's: what the client code never sends.
+int32_t raw_frame_status(const std::string &path, uint32_t length, const std::string &payload) {
+    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un addr{AF_UNIX, {}};
+    snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
+    int32_t status = 99;
+    if (connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0) {
+        uint32_t wire_length = htonl(length);
+        bool sent = length == payload.size()
+                        ? wire_write_frame(fd, payload, wire_now_ms() + 5000) == WIRE_OK
+                        : write(fd, &wire_length, sizeof wire_length) == sizeof wire_length;
+        std::string reply;
+        if (sent && wire_read_frame(fd, BUS_REPLY_MAX, reply, wire_now_ms() + 5000) == WIRE_OK) {
+            std::string ignored;
+            decode_reply(reply, status, ignored);
+        }
+    }
+    close(fd);
+    return status;
+}
+
+// A call that times out leaves the next one served; a request of the bus's 64 KiB is served and
+// one a byte longer, or of any larger length, gets a status.
+TEST_F(BusServerTest, SlowMethodAndRequestSizes) {
     std::string reply;
     EXPECT_EQ(call("slow", nullptr, reply, 100), BUS_STATUS_TIMEOUT);
     EXPECT_EQ(call("echo", R"({"after":1})", reply), BUS_STATUS_OK);
     EXPECT_EQ(reply, R"({"after":1})");
 
-    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un addr{AF_UNIX, {}};
-    snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path_.c_str());
-    ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
-    uint32_t huge = htonl(0xffffffffu);
-    ASSERT_EQ(write(fd, &huge, sizeof huge), 4);
-    std::string payload;
-    int32_t status = 99;
-    EXPECT_EQ(wire_read_frame(fd, 1024, payload, wire_now_ms() + 5000), WIRE_OK);
-    EXPECT_TRUE(decode_reply(payload, status, reply));
-    EXPECT_EQ(status, BUS_STATUS_INVALID_ARGUMENT);
-    close(fd);
+    // An echo call padded to the size by the text of one member.
+    const size_t bare = encode_call("tarn", "echo", R"({"pad":""})").size();
+    for (size_t size : {BUS_REQUEST_MAX, BUS_REQUEST_MAX + 1}) {
+        std::string payload =
+            encode_call("tarn", "echo", R"({"pad":")" + std::string(size - bare, 'x') + "\"}");
+        EXPECT_EQ(raw_frame_status(path_, uint32_t(payload.size()), payload),
+                  size <= BUS_REQUEST_MAX ? BUS_STATUS_OK : BUS_STATUS_INVALID_ARGUMENT)
+            << size;
+    }
+    EXPECT_EQ(raw_frame_status(path_, 0xffffffffu, ""), BUS_STATUS_INVALID_ARGUMENT);
 }
 
 }  // namespace

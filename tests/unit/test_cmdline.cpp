@@ -47,6 +47,7 @@ std::string decided(const cmdline_decision &d) {
 }
 
 const std::string VERSION = "error arg, please input a number in 1-255 !\n";
+const std::string RSSI = "error arg, please input a  number  in  1-200 !\n";
 const std::string COUNT = "invalid arg, allowed max dynamic neighbor is 16-64\n";
 const std::string DEFAULTS = " | V1 R5 n64";
 
@@ -62,11 +63,21 @@ struct form {
 const form FORMS[] = {
     {{}, "daemon" + DEFAULTS, ""},
     {{"set", "rssi", "200"}, "client 0 200", ""},
+    {{"set", "rssi", "1"}, "client 0 1", ""},
+    {{"set", "rssi", "0"}, "exit 0", RSSI},
+    {{"set", "rssi", "201"}, "exit 0", RSSI},
+    {{"set", "rssi", "256"}, "exit 0", RSSI},
+    {{"set", "rssi", "300"}, "client 0 44", ""},
     {{"set", "rssi"}, "client 0 5", ""},
     {{"set", "V", "257"}, "client 1 1", ""},
+    {{"set", "V", "255"}, "client 1 255", ""},
     {{"set", "V", "256"}, "exit 0", VERSION},
     {{"set", "V"}, "exit 0", VERSION},
     {{"set", "count", "16"}, "client 2 16", ""},
+    {{"set", "count", "64"}, "client 2 64", ""},
+    {{"set", "count", "15"}, "exit 0", COUNT},
+    {{"set", "count", "65"}, "exit 0", COUNT},
+    {{"set", "count", "272"}, "client 2 16", ""},
     {{"set", "count"}, "exit 0", COUNT},
     {{"set", "RSSI", "10"}, "exit 0", ""},
     {{"get", "rssi"}, "client 3 0", ""},
@@ -76,8 +87,19 @@ const form FORMS[] = {
     {{"show", "xyz"}, "client 5 0", ""},
     {{"-V", "7"}, "daemon | V7 R5 n64", ""},
     {{"-V", "0"}, "exit 0 | V0 R5 n64", ""},
+    // Values equal to a default follow another value, so that a value not stored shows.
+    {{"-V", "9", "-V", "1"}, "daemon" + DEFAULTS, ""},
+    {{"-V", "255"}, "daemon | V255 R5 n64", ""},
+    {{"-V", "256"}, "exit 0 | V0 R5 n64", ""},
+    {{"-V", "9", "-V", "257"}, "daemon" + DEFAULTS, ""},
     {{"-n", "16"}, "daemon | V1 R5 n16", ""},
+    {{"-n", "32", "-n", "64"}, "daemon" + DEFAULTS, ""},
     {{"-n", "15"}, "exit 0 | V1 R5 n15", ""},
+    {{"-n", "65"}, "exit 0 | V1 R5 n65", ""},
+    {{"-n", "32", "-n", "320"}, "daemon" + DEFAULTS, ""},
+    // -R has no range check: 0 and 201 are taken as given.
+    {{"-R", "0"}, "daemon | V1 R0 n64", ""},
+    {{"-R", "201"}, "daemon | V1 R201 n64", ""},
     {{"-D", "-R", "300", "-n", "32"}, "daemon | V1 R44 n32 D", ""},
     // A stray word ends option parsing: what follows it is not read.
     {{"-D", "stray", "-V", "9"}, "daemon" + DEFAULTS + " D", ""},

@@ -1,7 +1,7 @@
 // The discovery exchange on real sockets: probes (ndrp) leave to the right address with the
 // right bytes, answers (ndsp) update the neighbor table or the static list, probes are
-// answered at the prober's address on the nbcp port. The IPv6 path and the answer's bytes are
-// seen end to end by the system tests.
+// answered at the prober's address on the nbcp port. The answer's bytes are seen end to end by
+// the system tests.
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -69,15 +69,28 @@ std::string described(const ap_info &info) {
     return text;
 }
 
-// A UDP socket pair on the loopback address: `peer` sends, `rx` is the daemon's nbcp socket.
+// A UDP socket pair on the loopback address of a family: `peer` sends, `rx` is the daemon's
+// nbcp socket.
 struct udp_pair {
-    int rx = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    int peer = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_in rx_addr{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+    int rx;
+    int peer;
+    sockaddr_storage rx_addr{};
     socklen_t rx_len = sizeof rx_addr;
 
-    udp_pair() {
-        bind(rx, reinterpret_cast<sockaddr *>(&rx_addr), sizeof rx_addr);
+    explicit udp_pair(int family = AF_INET)
+        : rx(socket(family, SOCK_DGRAM | SOCK_CLOEXEC, 0)),
+          peer(socket(family, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+        if (family == AF_INET) {
+            auto &v4 = reinterpret_cast<sockaddr_in &>(rx_addr);
+            v4 = sockaddr_in{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+            rx_len = sizeof v4;
+        } else {
+            auto &v6 = reinterpret_cast<sockaddr_in6 &>(rx_addr);
+            v6.sin6_family = AF_INET6;
+            v6.sin6_addr = in6addr_loopback;
+            rx_len = sizeof v6;
+        }
+        bind(rx, reinterpret_cast<sockaddr *>(&rx_addr), rx_len);
         getsockname(rx, reinterpret_cast<sockaddr *>(&rx_addr), &rx_len);
     }
     ~udp_pair() {
@@ -115,6 +128,7 @@ struct answer_case {
     uint32_t qv_ip;     // the answer's management address
     const char *entry;  // entry A afterwards, or "unchanged"
     const char *node;   // static node A afterwards, or "unchanged"
+    int family = AF_INET;
 };
 
 class Answer : public testing::TestWithParam<answer_case> {
@@ -154,7 +168,7 @@ class Answer : public testing::TestWithParam<answer_case> {
 
 TEST_P(Answer, UpdatesTheEntryOrTheStaticNode) {
     const answer_case c = GetParam();
-    udp_pair pair;
+    udp_pair pair(c.family);
     const std::string known = entry(A);
     const std::string listed = static_node(A);
     pair.deliver(answer_from(c.from, c.mode, c.qv_ip));
@@ -173,9 +187,22 @@ INSTANTIATE_TEST_SUITE_P(
                     "100 0 ip 700000a ip6 2001:db8::7 qv 6400a8c0 pvc 101000a/00/55 cluster 7/1 "
                     "[tenant-1 5.1 ap-b] state 0 radios 2: 0/36/19/41/1 1/149/23/52/2",
                     "unchanged"},
-        answer_case{"static, mode 200", A, 200, QV, "unchanged",
+        answer_case{"dynamic, mode 2", A, 2, QV,
+                    "100 0 ip 700000a ip6 2001:db8::7 qv 6400a8c0 pvc 101000a/00/55 cluster 7/1 "
+                    "[tenant-1 5.1 ap-b] state 0 radios 2: 0/36/19/41/1 1/149/23/52/2",
+                    "unchanged"},
+        answer_case{"static, mode 255", A, 255, QV, "unchanged",
                     "ip 100007f ip6 2001:db8::55 qv 6400a8c0 pvc 0/00/00 cluster 7/0 "
                     "[tenant-1 5.1 ap-b] state 3 radios 0: 0/0/0/0/0 0/0/0/0/0"},
+        // Over IPv6 the source address goes to ip6 and the IPv4 address stays.
+        answer_case{"static over IPv6", A, 3, QV, "unchanged",
+                    "ip 505000a ip6 ::1 qv 6400a8c0 pvc 0/00/00 cluster 7/0 "
+                    "[tenant-1 5.1 ap-b] state 3 radios 0: 0/0/0/0/0 0/0/0/0/0",
+                    AF_INET6},
+        answer_case{"dynamic over IPv6", A, 1, QV,
+                    "100 0 ip 700000a ip6 2001:db8::7 qv 6400a8c0 pvc 101000a/00/55 cluster 7/1 "
+                    "[tenant-1 5.1 ap-b] state 0 radios 2: 0/36/19/41/1 1/149/23/52/2",
+                    "unchanged", AF_INET6},
         // An answer without a management address keeps the known one.
         answer_case{"static, no management address", A, 3, 0, "unchanged",
                     "ip 100007f ip6 2001:db8::55 qv 1010101 pvc 0/00/00 cluster 7/0 "

@@ -126,6 +126,11 @@ TEST(LocalControl, RequestsEffectsAndAnswers) {
         {message(TARN_MSG_DUMP_STATIC), 0, "op 51 list of 1 2 | -"},
         {message(TARN_MSG_NGBR_INFO), 0, "- 2 | 2:0"},  // answered at the sender's own path
         {probe_request(0x7f000005), 0, "probe mode 3 2 | -"},
+        // The settings are taken as sent: the range checks are the client's.
+        {message(TARN_MSG_SET_RSSI, 0), 1, "- 0 | 4:0"},
+        {message(TARN_MSG_SET_RSSI, 201), 1, "- 0 | 4:201"},
+        {message(TARN_MSG_SET_VERSION, 0), 1, "- 0 | 1:0 4:201"},
+        {message(TARN_MSG_SET_NGBR_NUM, 15), 1, "- 0 | 5:15"},
     };
     std::string seen = static_env::run([&steps] {
         DriverSink driver;
@@ -164,7 +169,9 @@ TEST(LocalControl, RequestsEffectsAndAnswers) {
         expected +=
             (no_driver ? s.expected.substr(0, s.expected.find(" | ")) + " | -" : s.expected) + "\n";
     }
-    EXPECT_EQ(seen, expected + "set tarn.config.version=3\ncommit tarn\n");
+    EXPECT_EQ(seen, expected +
+                        "set tarn.config.version=3\ncommit tarn\n"
+                        "set tarn.config.version=0\ncommit tarn\n");
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 // The nbcp codec: golden bytes of the three built messages, and the answer parser and the list
-// reader against hostile lengths. The golden digests of test_nbcp_golden hold the decode of
-// every type, and the fuzz targets the round trips of answers and lists.
+// reader against hostile lengths. test_nbcp_golden holds the decode of every type field by
+// field, and the fuzz targets the round trips of answers and lists.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -165,22 +165,35 @@ TEST(NbcpBuild, NeighborList) {
                "00 17 00 01 50  00 0C 00 01 00  00 3C 00 01 00  00 00");
 }
 
+// The fields after the four radio slots, which no answer or list entry here carries.
+bool after_radios_clear(const ap_info &info) {
+    return info.pvc_ip == 0 && info.cluster_id == 0 && info.pvc_mac == mac_addr{} &&
+           info.cluster_flag == 0;
+}
+
 std::string ndsp_summary(const nbcp_msg &m) {
     const nbcp_ndsp &r = m.m.ndsp;
-    std::string s = "mode " + std::to_string(r.mode) + " ip " + std::to_string(r.ip) + " state " +
-                    std::to_string(r.info.state) + " name [" + r.info.name + "] version [" +
-                    r.info.version + "] radios " + std::to_string(r.info.radiocnt);
+    std::string s =
+        "mode " + std::to_string(r.mode) + " ip " + std::to_string(r.ip) + " state " +
+        std::to_string(r.info.state) + " name [" + r.info.name + "] version [" + r.info.version +
+        "] radios " + std::to_string(r.info.radiocnt) +
+        (r.info.tenantId[0] != 0 ? " tenant [" + std::string(r.info.tenantId) + "]" : "");
     for (const radio_info &radio : r.info.radio) {
         s += " " + std::to_string(radio.radioid) + "/" + std::to_string(radio.channel);
     }
-    return s;
+    return s + (after_radios_clear(r.info) ? "" : " (written past the radios)");
 }
 
-tlv_bytes six_radio_answer() {
+// Whole radios, in the order the builder writes them, or only id and channel.
+tlv_bytes answer_with_radios(uint8_t count, bool whole) {
     tlv_bytes t = tlv_bytes::answer();
-    t.u8(135, 2).str(142, "before").u8(143, 6);
-    for (uint8_t i = 1; i <= 6; ++i) {
-        t.u8(145, i).u8(146, 30 + i).u8(144, 0);
+    t.u8(135, 2).str(142, "before").u8(143, count);
+    for (uint8_t i = 1; i <= count; ++i) {
+        t.u8(145, i).u8(146, 30 + i);
+        if (whole) {
+            t.u8(147, 20).u8(148, 40).u8(155, 80);
+        }
+        t.u8(144, 0);
     }
     return t.str(141, "v2");
 }
@@ -194,8 +207,36 @@ TEST(NbcpParse, HostileAnswers) {
         bytes datagram;
         std::string expected;
     } cases[] = {
-        {"six radios: four kept, count stored, what follows read", six_radio_answer().end().get(),
-         "mode 2 ip 0 state 0 name [before] version [v2] radios 6 1/31 2/32 3/33 4/34"},
+        {"four whole radios: all kept", answer_with_radios(4, true).end().get(),
+         "mode 2 ip 0 state 0 name [before] version [v2] radios 4 1/31 2/32 3/33 4/34"},
+        {"five whole radios: four kept, count stored, what follows read",
+         answer_with_radios(5, true).end().get(),
+         "mode 2 ip 0 state 0 name [before] version [v2] radios 5 1/31 2/32 3/33 4/34"},
+        {"four short radios: all kept", answer_with_radios(4, false).end().get(),
+         "mode 2 ip 0 state 0 name [before] version [v2] radios 4 1/31 2/32 3/33 4/34"},
+        {"five short radios: four kept", answer_with_radios(5, false).end().get(),
+         "mode 2 ip 0 state 0 name [before] version [v2] radios 5 1/31 2/32 3/33 4/34"},
+        // Texts at their fields' capacity less one (name 31, version 15, tenant 63), and one
+        // more, which is cut there.
+        {"texts that fit",
+         tlv_bytes::answer()
+             .str(142, std::string(31, 'n'))
+             .str(141, std::string(15, 'v'))
+             .str(154, std::string(63, 't'))
+             .end()
+             .get(),
+         "mode 0 ip 0 state 0 name [" + std::string(31, 'n') + "] version [" +
+             std::string(15, 'v') + "] radios 0 tenant [" + std::string(63, 't') + "]" + none},
+        {"texts one too long",
+         tlv_bytes::answer()
+             .str(142, std::string(32, 'n'))
+             .str(141, std::string(16, 'v'))
+             .str(154, std::string(64, 't'))
+             .u8(135, 7)
+             .end()
+             .get(),
+         "mode 7 ip 0 state 0 name [" + std::string(31, 'n') + "] version [" +
+             std::string(15, 'v') + "] radios 0 tenant [" + std::string(63, 't') + "]" + none},
         {"string longer than the datagram", tlv_bytes::answer().el_len(142, 9000, {'a', 'b'}).get(),
          "mode 0 ip 0 state 0 name [ab] version [] radios 0" + none},
         {"fixed-width elements ignore their length field",
@@ -238,22 +279,36 @@ bytes build_list(uint32_t count) {
 // The list reader in a heap block of exactly the reply's size and an array of exactly its
 // capacity: it stops at either, and at its 12000-byte walk, where an entry is left unfinished.
 TEST(NbcpListRead, HostileLists) {
-    tlv_bytes six_radios = tlv_bytes::list_reply().u32(6, 1).u8(11, 6);
-    for (uint8_t i = 0; i < 6; ++i) {
-        six_radios.u8(13, i).u8(14, 36 + i).u8(12, 0);
-    }
-    six_radios.filler(99, 300).u8(60, 0).u32(6, 2).u8(60, 0).end();
+    // Entries of 4 and 5 radios; the fifth radio is read past without being stored.
+    auto with_radios = [](uint8_t count, bool whole) {
+        tlv_bytes t = tlv_bytes::list_reply().u32(6, 1).u8(11, count);
+        for (uint8_t i = 0; i < count; ++i) {
+            t.u8(13, i).u8(14, 36 + i);
+            if (whole) {
+                t.u8(15, 20).u8(16, 40).u8(23, 80);
+            }
+            t.u8(12, 0);
+        }
+        return t.filler(99, 300).u8(60, 0).u32(6, 2).u8(60, 0).end().get();
+    };
     const struct {
         const char *name;
         bytes reply;
         size_t capacity;
         size_t expected;
-        uint32_t last_ip;  // ip of the last entry counted
+        uint32_t last_ip;            // ip of the last entry counted
+        uint8_t fourth_channel = 0;  // of the first entry's fourth radio
     } cases[] = {
         {"capacity below the count", build_list(10), 3, 3, 0x0A000002},
+        // The client's 67 entries: a list of 67 fills them, one of 68 stops at them.
+        {"count at the capacity", build_list(67), 67, 67, 0x0A000042},
+        {"count one past the capacity", build_list(68), 67, 67, 0x0A000042},
         {"walk ends at 12000 bytes: entry 115 is not finished", build_list(130), 200, 115,
          0x0A000072},
-        {"six radios and an unknown code", six_radios.get(), 8, 2, 2},
+        {"four whole radios and an unknown code", with_radios(4, true), 8, 2, 2, 39},
+        {"five whole radios and an unknown code", with_radios(5, true), 8, 2, 2, 39},
+        {"four short radios", with_radios(4, false), 8, 2, 2, 39},
+        {"five short radios", with_radios(5, false), 8, 2, 2, 39},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
@@ -262,6 +317,10 @@ TEST(NbcpListRead, HostileLists) {
             nbcp_list_read(exact_copy(c.reply).get(), c.reply.size(), entries.get(), c.capacity);
         ASSERT_EQ(got, c.expected);
         EXPECT_EQ(entries[got - 1].ip, c.last_ip);
+        EXPECT_EQ(entries[0].radio[3].channel, c.fourth_channel);
+        for (size_t i = 0; i < got; ++i) {
+            EXPECT_TRUE(after_radios_clear(entries[i])) << "entry " << i;
+        }
     }
 }
 

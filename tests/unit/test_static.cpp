@@ -129,6 +129,19 @@ INSTANTIATE_TEST_SUITE_P(
                    },
                    "1 [00:11:22:33:44:55 00:11:22:33:44:55] 0 00:11:22:33:44:55 10.0.0.1 fd00::7 4 "
                    "0 []"},
+        store_case{"replace takes 8 records, and the first 8 of 9",
+                   [](std::ostream &out) {
+                       ap_info nine[9];
+                       for (int i = 0; i < 9; ++i) {
+                           nine[i] = record(mac_n(i + 1), "10.0.0.1");
+                       }
+                       out << static_mac_qv(nine + 1, 8) << " " << file_now() << " "
+                           << static_mac_qv(nine, 9) << " " << file_now();
+                   },
+                   "1 [00:00:00:00:00:09 00:00:00:00:00:08 00:00:00:00:00:07 00:00:00:00:00:06 "
+                   "00:00:00:00:00:05 00:00:00:00:00:04 00:00:00:00:00:03 00:00:00:00:00:02] 1 "
+                   "[00:00:00:00:00:08 00:00:00:00:00:07 00:00:00:00:00:06 00:00:00:00:00:05 "
+                   "00:00:00:00:00:04 00:00:00:00:00:03 00:00:00:00:00:02 00:00:00:00:00:01]"},
         store_case{"in cluster mode add and delete ask the configuration service to save",
                    [](std::ostream &out) {
                        static_mac_add(mac_n(1).c_str(), nullptr, nullptr);
@@ -171,6 +184,12 @@ TEST_P(LoadFile, GivesResultAndList) {
         if (c.file != nullptr) {
             static_env::write_conf(c.file);
         }
+        std::string name = c.name;
+        if (name.rfind("file of 1 MiB", 0) == 0) {
+            std::string text = R"({"static_neighbor": [{"mac": "0:0:0:0:0:5"}]})";
+            size_t size = (1u << 20) + (name.size() > 13 ? 1 : 0);
+            static_env::write_conf(text + std::string(size - text.size(), ' '));
+        }
         std::string result = num(load_static_neighbor());
         return result + " | " + list_text();
     });
@@ -200,7 +219,52 @@ INSTANTIATE_TEST_SUITE_P(
         // Read by the AP's rules on every C library: text after the address makes it all ones.
         load_case{"ip with a trailing blank",
                   R"({"static_neighbor": [{"mac": "0:0:0:0:0:2", "ip": "10.0.0.5 "}]})",
-                  "0 | 00:00:00:00:00:02 255.255.255.255 :: 4"}));
+                  "0 | 00:00:00:00:00:02 255.255.255.255 :: 4"},
+        // 63 characters are read, 64 refused (the groups "1:2:3:4:5:" and 53 or 54 digits).
+        load_case{"MAC text of 63 characters read, 64 skipped",
+                  R"({"static_neighbor": [{"mac": "1:2:3:4:5:00000000000000000000000000)"
+                  R"(000000000000000000000000004"},)"
+                  R"( {"mac": "1:2:3:4:5:000000000000000000000000000000000000000000000000)"
+                  R"(000006"}]})",
+                  "0 | 01:02:03:04:05:04 0.0.0.0 :: 4"},
+        // Each octet at 0, 255 and 256 (which no conversion accepts, so all ones).
+        load_case{
+            "IPv4 octets at 0, 255 and one past",
+            R"({"static_neighbor": [{"mac": "0:0:0:0:0:1", "ip": "0.1.2.3"},)"
+            R"({"mac": "0:0:0:0:0:2", "ip": "255.0.2.3"},)"
+            R"({"mac": "0:0:0:0:0:3", "ip": "1.255.0.3"},)"
+            R"({"mac": "0:0:0:0:0:4", "ip": "1.2.255.0"},)"
+            R"({"mac": "0:0:0:0:0:5", "ip": "1.2.3.255"},)"
+            R"({"mac": "0:0:0:0:0:6", "ip": "256.2.3.4"},)"
+            R"({"mac": "0:0:0:0:0:7", "ip": "1.256.3.4"},)"
+            R"({"mac": "0:0:0:0:0:8", "ip": "1.2.3.256"}]})",
+            "0 | 00:00:00:00:00:08 255.255.255.255 :: 4; 00:00:00:00:00:07 255.255.255.255 :: 4; "
+            "00:00:00:00:00:06 255.255.255.255 :: 4; 00:00:00:00:00:05 1.2.3.255 :: 4; "
+            "00:00:00:00:00:04 1.2.255.0 :: 4; 00:00:00:00:00:03 1.255.0.3 :: 4; "
+            "00:00:00:00:00:02 255.0.2.3 :: 4; 00:00:00:00:00:01 0.1.2.3 :: 4"},
+        // Eight entries fill the list; a ninth is dropped, and a refused entry among the first
+        // eight is not replaced by it.
+        load_case{"nine entries: the first eight read",
+                  R"({"static_neighbor": [{"mac": "0:0:0:0:0:1"}, {"mac": "0:0:0:0:0:2"},)"
+                  R"({"mac": "0:0:0:0:0:3"}, {"mac": "0:0:0:0:0:4"}, {"mac": "0:0:0:0:0:5"},)"
+                  R"({"mac": "0:0:0:0:0:6"}, {"mac": "0:0:0:0:0:7"}, {"mac": "0:0:0:0:0:8"},)"
+                  R"({"mac": "0:0:0:0:0:9"}]})",
+                  "0 | 00:00:00:00:00:08 0.0.0.0 :: 4; 00:00:00:00:00:07 0.0.0.0 :: 4; "
+                  "00:00:00:00:00:06 0.0.0.0 :: 4; 00:00:00:00:00:05 0.0.0.0 :: 4; "
+                  "00:00:00:00:00:04 0.0.0.0 :: 4; 00:00:00:00:00:03 0.0.0.0 :: 4; "
+                  "00:00:00:00:00:02 0.0.0.0 :: 4; 00:00:00:00:00:01 0.0.0.0 :: 4"},
+        load_case{"nine entries, the second refused: seven read",
+                  R"({"static_neighbor": [{"mac": "0:0:0:0:0:1"}, {"mac": "1:2:3:4:5:6:7"},)"
+                  R"({"mac": "0:0:0:0:0:3"}, {"mac": "0:0:0:0:0:4"}, {"mac": "0:0:0:0:0:5"},)"
+                  R"({"mac": "0:0:0:0:0:6"}, {"mac": "0:0:0:0:0:7"}, {"mac": "0:0:0:0:0:8"},)"
+                  R"({"mac": "0:0:0:0:0:9"}]})",
+                  "0 | 00:00:00:00:00:08 0.0.0.0 :: 4; 00:00:00:00:00:07 0.0.0.0 :: 4; "
+                  "00:00:00:00:00:06 0.0.0.0 :: 4; 00:00:00:00:00:05 0.0.0.0 :: 4; "
+                  "00:00:00:00:00:04 0.0.0.0 :: 4; 00:00:00:00:00:03 0.0.0.0 :: 4; "
+                  "00:00:00:00:00:01 0.0.0.0 :: 4"},
+        // A file of 1 MiB is read; one byte more and it is not.
+        load_case{"file of 1 MiB", nullptr, "0 | 00:00:00:00:00:05 0.0.0.0 :: 4"},
+        load_case{"file of 1 MiB and a byte", nullptr, "-1 | "}));
 
 TEST(StaticFile, LoadsReversedAndWritesTheFormattedTextInLowerCase) {
     SKIP_UNLESS_ROOT();

@@ -39,8 +39,13 @@ TEST(DebugSet, TakesOnlyAnInt32AndAlwaysRepliesSuccess) {
         int after;
     } cases[] = {
         {R"({"debug_switch":-5})", OK, -5},
+        // An int32 at either end is taken; one past it is not an int32.
+        {R"({"debug_switch":2147483647})", OK, 2147483647},
+        {R"({"debug_switch":2147483648})", OK, 1},
+        {R"({"debug_switch":-2147483648})", OK, INT32_MIN},
+        {R"({"debug_switch":-2147483649})", OK, 1},
         {R"({})", OK, 1},                    // absent: kept
-        {R"({"debug_switch":"1"})", OK, 1},  // not an int32: kept
+        {R"({"debug_switch":"5"})", OK, 1},  // not an int32: kept
         {nullptr, PARSE_FAILED, 1},
     };
     for (const auto &c : cases) {
@@ -64,11 +69,55 @@ TEST(DebugGet, RepliesBothTablesWithInt32Values) {
 }
 
 // The printed table of the command-line client, read as the show methods read it.
+// "a\n" then data lines "1" to "n", and the reply to it: at most 127 lines are kept.
+std::string numbered_lines(int n) {
+    std::string text = "a\n";
+    for (int i = 1; i <= n; ++i) {
+        text += std::to_string(i) + "\n";
+    }
+    return text;
+}
+
+std::string numbered_reply(int n) {
+    std::string reply = R"({"result":[)";
+    for (int i = 1; i <= n; ++i) {
+        reply += (i > 1 ? "," : "") + (R"({"a":")" + std::to_string(i) + "\"}");
+    }
+    return reply + "]}";
+}
+
+// "c1 ... cn\n" then "w1 ... wn\n", and the reply when the first `kept` words are kept.
+std::pair<std::string, std::string> words_line(int n, int kept) {
+    std::string names, words, members;
+    for (int i = 1; i <= n; ++i) {
+        names += "c" + std::to_string(i) + " ";
+        words += "w" + std::to_string(i) + " ";
+        if (i <= kept) {
+            members += (i > 1 ? "," : "") +
+                       ("\"c" + std::to_string(i) + "\":\"w" + std::to_string(i) + "\"");
+        }
+    }
+    return {names + "\n" + words + "\n", R"({"result":[{)" + members + "}]}"};
+}
+
 TEST(ShowTable, ReadsPrintedLinesAsOneObjectPerLine) {
+    const std::string w31(31, 'w');
+    const std::string x31(31, 'x');
     const struct {
         std::string printed;
-        const char *reply;
+        std::string reply;
     } cases[] = {
+        // Limits: words of 31 characters, 20 words a line, 127 lines, reads of 1023 characters.
+        {"a b\n" + w31 + " " + w31 + "w\n",
+         R"({"result":[{"a":")" + w31 + R"(","b":")" + w31 + R"("}]})"},
+        {words_line(20, 20).first, words_line(20, 20).second},
+        {words_line(21, 21).first, words_line(21, 20).second},
+        {numbered_lines(127), numbered_reply(127)},
+        {numbered_lines(128), numbered_reply(127)},
+        // 1023 characters with the line feed are one read; one more leaves the feed to a second.
+        {"a\n" + std::string(1020, 'x') + " z\n", R"({"result":[{"a":")" + x31 + R"("}]})"},
+        {"a\n" + std::string(1021, 'x') + " z\n",
+         R"({"result":[{"a":")" + x31 + R"("},{"a":"\n"}]})"},
         {"mac  ip\naa:bb   1.2.3.4 extra\n", R"({"result":[{"mac":"aa:bb","ip":"1.2.3.4"}]})"},
         {"a b\n\nc d\n", R"({"result":[{"a":"\n"},{"a":"c","b":"d"}]})"},
         {"radioid rssi radioid rssi\n0 40 1 35\n",
@@ -88,13 +137,53 @@ TEST(ShowTable, ReadsPrintedLinesAsOneObjectPerLine) {
 TEST(StaticMethods, ReplyAndList) {
     SKIP_UNLESS_ROOT();
     const std::string A = "00:11:22:33:44:55 0.0.0.0 :: 4";
+    const std::string EIGHT = R"({"neighbor_list":[{"mac":"0:0:0:0:0:1"},{"mac":"0:0:0:0:0:2"},)"
+                              R"({"mac":"0:0:0:0:0:3"},{"mac":"0:0:0:0:0:4"},)"
+                              R"({"mac":"0:0:0:0:0:5"},{"mac":"0:0:0:0:0:6"},)"
+                              R"({"mac":"0:0:0:0:0:7"},{"mac":"0:0:0:0:0:8"}]})";
+    const std::string EIGHT_LIST =
+        "00:00:00:00:00:08 255.255.255.255 :: 4; 00:00:00:00:00:07 255.255.255.255 :: 4; "
+        "00:00:00:00:00:06 255.255.255.255 :: 4; 00:00:00:00:00:05 255.255.255.255 :: 4; "
+        "00:00:00:00:00:04 255.255.255.255 :: 4; 00:00:00:00:00:03 255.255.255.255 :: 4; "
+        "00:00:00:00:00:02 255.255.255.255 :: 4; 00:00:00:00:00:01 255.255.255.255 :: 4";
     const struct {
         method_handler handler;
-        const char *request;
+        std::string request;
         const char *reply;
         std::string list_after;
+        std::string before = R"({"mac":"00:11:22:33:44:55"})";  // an add of A, or a replace
     } cases[] = {
-        {ubus_static_mac_add, nullptr, PARSE_FAILED, A},
+        {ubus_static_mac_add, "", PARSE_FAILED, A},
+        // The list holds 8 nodes: a replace keeps the first 8 elements, an add of a new MAC to
+        // a full list fails and changes nothing, an add of a known one still updates it.
+        {ubus_static_mac_qv, EIGHT, OK, EIGHT_LIST},
+        {ubus_static_mac_qv, EIGHT.substr(0, EIGHT.size() - 2) + R"(,{"mac":"0:0:0:0:0:9"}]})", OK,
+         EIGHT_LIST},
+        {ubus_static_mac_add, R"({"mac":"0:0:0:0:0:9"})", FAIL, EIGHT_LIST, EIGHT},
+        {ubus_static_mac_add, R"({"mac":"0:0:0:0:0:8","ip":"1.2.255.3"})", OK,
+         "00:00:00:00:00:08 1.2.255.3 :: 4" + EIGHT_LIST.substr(EIGHT_LIST.find(';')), EIGHT},
+        {ubus_static_mac_add, R"({"mac":"0:0:0:0:0:1","ip":"1.2.256.3"})", OK,
+         "00:00:00:00:00:01 255.255.255.255 :: 4; " + A},
+        // Texts at their length and one past: a MAC of 63 characters and an IPv4 text of 15 are
+        // taken by an add, one more character is refused.
+        {ubus_static_mac_add,
+         R"({"mac":"1:2:3:4:5:000000000000000000000000000000000000000000000000)"
+         R"(00004","ip":"192.168.100.200"})",
+         OK, "01:02:03:04:05:04 192.168.100.200 :: 4; " + A},
+        {ubus_static_mac_add,
+         R"({"mac":"1:2:3:4:5:000000000000000000000000000000000000000000000000)"
+         R"(000004"})",
+         FAIL, A},
+        {ubus_static_mac_add, R"({"mac":"0:0:0:0:0:1","ip":"192.168.100.2001"})", FAIL, A},
+        // A replace cuts "mac" after 17 characters, "ip" after 15 and "ip6" after 45.
+        {ubus_static_mac_qv,
+         R"({"neighbor_list":[{"mac":"00:11:22:33:44:5f5","ip":"192.168.100.2001",)"
+         R"("ip6":"0000:0000:0000:0000:0000:ffff:192.168.100.2001"},)"
+         R"({"mac":"00:11:22:33:44:f5","ip":"192.168.100.200",)"
+         R"("ip6":"0000:0000:0000:0000:0000:ffff:192.168.100.200"}]})",
+         OK,
+         "00:11:22:33:44:f5 192.168.100.200 ::ffff:192.168.100.200 4; "
+         "00:11:22:33:44:5f 192.168.100.200 ::ffff:192.168.100.200 4"},
         {ubus_static_mac_del, R"({"other":"x"})", OK, A},
         // An address is read by the AP's rules: a trailing blank makes it all ones.
         {ubus_static_mac_add, R"({"mac":"66:77:88:99:aa:bb","ip":"10.0.0.5 "})", OK,
@@ -107,15 +196,16 @@ TEST(StaticMethods, ReplyAndList) {
          "00:00:00:00:00:00 255.255.255.255 :: 4; 66:77:88:99:aa:bb 127.0.0.3 fd00::3 4; "
          "00:11:22:33:44:55 255.255.255.255 :: 4"},
         {ubus_static_mac_qv, R"({"neighbor_list":{"mac":"66:77:88:99:aa:bb"}})", FAIL, A},
-        {ubus_static_mac_qv, nullptr, NO_JSON, A},
+        {ubus_static_mac_qv, "", NO_JSON, A},
         // The first delete's failure does not decide the reply.
         {ubus_static_mac_qv_del,
          R"({"mac_list":[{"mac":"00:00:00:00:00:77"},{"mac":"00:11:22:33:44:55"}]})", OK, ""},
     };
     for (const auto &c : cases) {
         std::string seen = static_env::run([&c] {
-            call(ubus_static_mac_add, R"({"mac":"00:11:22:33:44:55"})");
-            std::string reply = call(c.handler, c.request);
+            bool replace = c.before.find("neighbor_list") != std::string::npos;
+            call(replace ? ubus_static_mac_qv : ubus_static_mac_add, c.before.c_str());
+            std::string reply = call(c.handler, c.request.empty() ? nullptr : c.request.c_str());
             return reply + " | " + list_text();
         });
         EXPECT_EQ(seen, c.reply + (" | " + c.list_after)) << c.request;
