@@ -2,11 +2,12 @@
 seeing VAP links come and go from one answer to the next, and no datagram type leaving the
 daemon's memory larger."""
 
+import os
 import random
 import struct
 
 from tarnlab import nsutil
-from tarnsys import NBCP_PORT, udp_socket_in
+from tarnsys import NBCP_PORT, udp_socket_in, wait_for
 
 # AP 1 has no VAP; AP 2's daemon is stopped and the test probes from AP 2's nbcp port.
 LAB = {"count": 2, "hears": "none", "aps": [{"name": "ap1", "vaps": []}, {"name": "ap2"}]}
@@ -118,3 +119,22 @@ def test_memory_has_no_peak_and_comes_back_after_each_datagram(make_lab):
         grown[what] = vm_kb(pid, "VmRSS") - before
     worst = max(grown, key=grown.get)
     assert grown[worst] <= 64, f"VmRSS grew by {grown[worst]} KiB after {worst}"
+
+
+def test_a_closed_standard_output_does_not_end_the_daemon(make_lab):
+    """Every datagram's type line goes to standard output. With its reader gone, the writes fail
+    (SIGPIPE is ignored while the bus loop runs, as on the AP) and the daemon goes on."""
+    lab = make_lab(LAB)
+    ap1 = lab["ap1"]
+    ap1.stop_daemon()
+    reader, writer = os.pipe()
+    ap1.start_daemon(stdout=writer)
+    os.close(writer)
+    os.close(reader)
+    prober = Prober(lab)
+    wait_for(lambda: ap1.bus("debug_get").returncode == 0, what="the bus loop")
+    for _ in range(8):  # type lines enough to fill the standard library's buffer many times
+        for _ in range(50):  # few enough for the socket's queue
+            prober.send(header(12) + bytes(2))
+        assert prober.answer() == NO_WLAN_ANSWER
+    assert ap1.daemon_running(), ap1.daemon_status()
