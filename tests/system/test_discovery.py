@@ -2,11 +2,16 @@
 is probed (ndrp) and described by its answer (ndsp), over IPv4 or IPv6; the driver's cache
 reply creates entries; and the messages the daemon sends the driver at start-up."""
 
+import collections
+import ipaddress
+import socket
+
 import pytest
 
 from tarnlab import drvproto
+from tarnlab.nbcp import ANSWER_TYPE, PROBE
 from tarnlab.show import parse_wireless_table
-from tarnsys import wait_for
+from tarnsys import NBCP_PORT, udp_socket_in, wait_for
 
 LAB_VERSION = "1.0.0-lab"
 FAKE_MAC = "02:7a:00:00:00:99"  # an AP nobody runs: probes to it go unanswered
@@ -94,3 +99,24 @@ def test_start_up_messages_to_the_driver(make_lab, args, rssi_messages):
     info = wait_for(lambda: received(drvproto.OP_SET_IPADDR), what="the AP information sent")
     assert (info[0]["value"], info[0]["ip"], info[0]["ip6"], info[0]["mac"],
             info[0]["max_ngbr"], info[0]["problems"]) == (1, ap.ip4, ap.ip6, ap.mac, 64, [])
+
+
+def test_a_probe_to_the_broadcast_address_is_answered_by_every_ap(make_lab):
+    lab = make_lab({"count": 4, **QUIET})
+    prober_ap = lab["ap4"]
+    prober_ap.stop_daemon()
+    prober = udp_socket_in(prober_ap)
+    prober.setsockopt(socket.SOL_SOCKET, socket.SO_BROADCAST, 1)
+    subnet = ipaddress.IPv4Interface(f"{prober_ap.ip4}/{prober_ap.config['prefix4']}").network
+    with prober:
+        prober.sendto(PROBE, (str(subnet.broadcast_address), NBCP_PORT))
+        prober.settimeout(3.0)  # long after the last answer: any second one would be in by then
+        answers = collections.Counter()
+        while True:
+            try:
+                data, source = prober.recvfrom(70000)
+            except socket.timeout:
+                break
+            if data[3] == ANSWER_TYPE:
+                answers[source[0]] += 1
+    assert answers == {lab[name].ip4: 1 for name in ("ap1", "ap2", "ap3")}
