@@ -57,10 +57,12 @@ class Prober:
         return self.sock.recv(65535)
 
 
-def vm_kb(pid, field):
-    """A memory figure of /proc/PID/status in KiB: VmRSS (resident now) or VmHWM (its peak)."""
+def vm_kb(pid):
+    """The memory figures of /proc/PID/status in KiB, read at one time: VmRSS (resident now),
+    VmHWM (its peak) and the others."""
     with open(f"/proc/{pid}/status", encoding="ascii") as status:
-        return int(next(line for line in status if line.startswith(field + ":")).split()[1])
+        return {line.split(":")[0]: int(line.split()[1]) for line in status
+                if line.startswith("Vm")}
 
 
 def test_answer_bytes_and_vap_links_coming_and_going(make_lab):
@@ -105,18 +107,19 @@ def test_memory_has_no_peak_and_comes_back_after_each_datagram(make_lab):
     pid = lab["ap1"].daemon_pid
     prober = Prober(lab)
     prober.answer()  # the receive thread is running, its decode area in place
-    peak, resident = vm_kb(pid, "VmHWM"), vm_kb(pid, "VmRSS")
+    figures = vm_kb(pid)
+    peak, resident = figures["VmHWM"], figures["VmRSS"]
     assert peak <= resident + 64, f"start-up peak {peak} KiB, resident {resident} KiB"
 
     for _ in range(20):  # the answer path's own first allocations
         prober.answer()
     prober.send(header(12) + bytes(2))
-    before = vm_kb(pid, "VmRSS")
+    before = vm_kb(pid)["VmRSS"]
     grown = {}
     for what, datagram in datagrams_adding_no_entry():
         prober.send(datagram)
         prober.answer()  # handled by now; nothing later may be needed to give memory back
-        grown[what] = vm_kb(pid, "VmRSS") - before
+        grown[what] = vm_kb(pid)["VmRSS"] - before
     worst = max(grown, key=grown.get)
     assert grown[worst] <= 64, f"VmRSS grew by {grown[worst]} KiB after {worst}"
 
