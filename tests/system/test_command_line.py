@@ -14,7 +14,7 @@ import pytest
 
 from tarnlab import drvproto
 from tarnsys import (CLIENT_PATH, LISTENING_LOG, TARN_SOCKET, local_listener, local_message,
-                     receive_all, send_driver_event)
+                     receive_all, send_driver_event, wait_for)
 
 SHORT = 10  # seconds a command that should end at once may take
 SHOW_TIMEOUT = 15  # seconds a show client waits for the daemon's list
@@ -119,6 +119,7 @@ def test_any_local_user_can_answer_show_before_the_daemon(node):
     try:
         client = node.popen([node.lab.tarn_binary, "show", "ubus"], stdout=subprocess.PIPE,
                             text=True)
+        wait_for(lambda: os.path.exists(node.path(CLIENT_PATH)), what="the client's reply path")
         forger = node.exec(AS_NOBODY + [FORGER, CLIENT_PATH,
                                         neighbor_list_reply("02:66:66:66:66:66", "forged").hex()],
                            timeout=SHOW_TIMEOUT)
