@@ -66,7 +66,16 @@ void ubus_loop_run() {
     if (bus_ctx.listen_fd < 0 || bus_ctx.signal_fd < 0) {
         return;
     }
+    // The platform's loop ignores SIGPIPE while it runs: a write to a closed pipe or socket (the
+    // type lines on standard output, a log line to a closed standard error) then fails with
+    // EPIPE instead of ending the daemon. This bus does the same, so both builds behave alike.
+    struct sigaction ignore {};
+    struct sigaction previous {};
+    ignore.sa_handler = SIG_IGN;
+    sigemptyset(&ignore.sa_mask);
+    sigaction(SIGPIPE, &ignore, &previous);
     bus_server_run(bus_ctx.listen_fd, bus_ctx.signal_fd, tarn_service);
+    sigaction(SIGPIPE, &previous, nullptr);
 }
 
 void ubus_teardown() {

@@ -60,20 +60,9 @@ inline void private_daemon_dirs() {
     mkdir("/tmp/socket", 0755);
 }
 
-// Puts a platform command that prints output first on PATH (under the private /tmp).
-inline void standin_command(const char *name, const char *output) {
-    mkdir("/tmp/bin", 0755);
-    std::string path = std::string("/tmp/bin/") + name;
-    FILE *script = std::fopen(path.c_str(), "w");
-    if (script == nullptr) {
-        std::perror(path.c_str());
-        std::exit(1);
-    }
-    std::fprintf(script, "#!/bin/sh\necho '%s'\n", output);
-    std::fclose(script);
-    chmod(path.c_str(), 0755);
-    setenv("PATH", "/tmp/bin:/usr/bin:/bin", 1);
-}
+// Makes the platform command name print output (one line) from now on: fuzz_seams.cpp stands in
+// for the shell, so a command costs no process.
+void standin_command(const char *name, const char *output);
 
 template <size_t N>
 bool terminated(const char (&field)[N]) {

@@ -133,6 +133,9 @@ def cache_entry(mac):
 DRIVER = {
     "heard": driver_event(1, heard(MAC)),
     "heard_radio_9": driver_event(1, heard(MAC, radio=9)),
+    # The last radio slot and one past it.
+    "heard_radio_3": driver_event(1, heard(MAC, radio=3)),
+    "heard_radio_4": driver_event(1, heard(MAC, radio=4)),
     "config_ok": driver_event(2, b""),
     "cache_two": driver_event(3, bytes(31) + bytes([2, 0, 0, 0]) + cache_entry(MAC) +
                               cache_entry(bytes([2, 0, 0, 0, 0, 1]))),
@@ -173,6 +176,9 @@ def call(method, args):
 
 BUS = {
     "qv": call("qv_static_neighbor", {"neighbor_list": [NODE, {"mac": "02:00:00:00:00:51"}]}),
+    # One record past the list's 8 nodes: the ninth is dropped.
+    "qv_nine": call("qv_static_neighbor",
+                    {"neighbor_list": [{"mac": "02:00:00:00:00:%02x" % i} for i in range(9)]}),
     "add": call("add_static_neighbor", NODE),
     "del": call("del_static_neighbor", {"mac": NODE["mac"]}),
     "qv_del": call("qv_del_static_neighbor", {"mac_list": [{"mac": NODE["mac"]}]}),

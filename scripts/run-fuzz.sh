@@ -51,10 +51,16 @@ echo "$TARGETS" | while read -r target corpus max_len needs; do
     work="$build/corpus/$corpus"
     mkdir -p "$work"
     echo "run-fuzz: $target for ${seconds}s"
+    log="$build/$target.log"
     if ! "$build/fuzz/$target" -max_total_time="$seconds" -max_len="$max_len" \
-        -print_final_stats=1 -artifact_prefix=fuzz/artifacts/ "$work" "fuzz/corpus/$corpus"; then
+        -print_final_stats=1 -artifact_prefix=fuzz/artifacts/ "$work" "fuzz/corpus/$corpus" \
+        >"$log" 2>&1; then
+        tail -n 40 "$log"
         echo "run-fuzz: $target FAILED (see fuzz/artifacts/)"
         exit 1
     fi
+    runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log")
+    rate=$(sed -n 's/^stat::average_exec_per_sec: *//p' "$log")
+    echo "run-fuzz: $target: $runs inputs, $rate per second"
 done || status=1
 exit $status

@@ -141,11 +141,12 @@ class Ap:
     # ----- daemon -------------------------------------------------------------------------
 
     def start_daemon(self, args=None, env=None, driver_port="config", wait=True,
-                     timeout=10.0, record=True):
+                     timeout=10.0, record=True, stdout=None):
         """Starts tarn in the AP with its log in tarn.log (at most the scenario's log_limit
         bytes: the first ones). `driver_port` None leaves TARN_DRIVER_PORT unset (the daemon
         then looks for the real driver protocol). `record` False leaves lab.json to the
-        caller, who starts many."""
+        caller, who starts many. `stdout` (a descriptor) takes the daemon's standard output
+        away from the log."""
         if self.daemon is not None and self.daemon.poll() is None:
             raise LabError(f"{self.name}: the daemon is already running")
         args = self.config["daemon_args"] if args is None else list(args)
@@ -157,9 +158,10 @@ class Ap:
         extra.update(env or {})
         self.log_mark()
         with open(self.log_path, "ab") as log:
-            self.daemon = self.popen([self.lab.tarn_binary] + args, env=extra, stdout=log,
-                                     stderr=subprocess.STDOUT, start_new_session=True,
-                                     preexec_fn=self._bounded_files)
+            self.daemon = self.popen([self.lab.tarn_binary] + args, env=extra,
+                                     stdout=log if stdout is None else stdout,
+                                     stderr=log if stdout is not None else subprocess.STDOUT,
+                                     start_new_session=True, preexec_fn=self._bounded_files)
         self.daemon_pid = self.daemon.pid
         if record:
             self.lab.save()

@@ -204,7 +204,7 @@ ssize_t send_ndsp(int sock, sockaddr *dest, int mode) {
 }
 
 // The decode area (about 1.7 MiB) belongs to the receive thread's frame; it reads as zero
-// wherever this datagram wrote nothing, and clearing it costs what the previous one wrote.
+// wherever this datagram wrote nothing, and clearing it costs what this one wrote.
 void nbcp_receive(int sock, int kind, nbcp_decode_area &area) {
     nbcp_source from;
     memset(&from, 0, sizeof from);
@@ -214,6 +214,7 @@ void nbcp_receive(int sock, int kind, nbcp_decode_area &area) {
         return;
     }
 
+    decoded_datagram decoded(area);
     nbcp_msg &msg = area.msg;
     area.parse(buffer, datagram.size());
     TARN_DBG("recv nbcp packet type:%d\n", msg.kind);

@@ -6,6 +6,7 @@ $TARN_BUILD_DIR (the methods are the same code the platform's ubus binding serve
 import json
 import os
 import signal
+import stat
 
 import pytest
 
@@ -104,7 +105,10 @@ ADDED = {"mac": "02:00:00:00:00:ab", "ip": "10.99.0.61", "ip6": "fd00:99::61"}
      [ENTRY_51]),
 ], ids=["add", "del", "qv", "qv_del"])
 def test_static_edit_changes_list_and_file(ap1, method, payload, result, entries):
+    os.chmod(ap1.path(STATIC_CONF), 0o600)
     assert call(ap1, method, payload).pairs == [("result", result)]
+    # Every save writes a new file with mode 0666, whatever the old one had.
+    assert stat.S_IMODE(os.stat(ap1.path(STATIC_CONF)).st_mode) == 0o666
 
     assert file_entries(ap1) == entries
     assert static_rows(ap1) == entries
@@ -170,3 +174,9 @@ def test_a_signal_ends_the_daemon_with_0_and_its_service(ap1, sig):
     assert (result.returncode, result.stderr) == NO_DAEMON
     assert not os.path.exists(ap1.path(BUS_SOCKET))
 
+
+# Neither loop handles these: the default action ends the daemon (procd restarts it on the AP).
+@pytest.mark.parametrize("sig", [signal.SIGHUP, signal.SIGUSR1, signal.SIGUSR2],
+                         ids=["SIGHUP", "SIGUSR1", "SIGUSR2"])
+def test_hangup_and_user_signals_end_the_daemon(ap1, sig):
+    assert ap1.stop_daemon(sig) == -sig

@@ -3,14 +3,18 @@ the four show tables (static neighbors loaded from the file at start), get/set r
 each client command line sends to the daemon's socket, or prints instead."""
 
 import os
+import signal
 import stat
+import struct
+import subprocess
+import sys
 import time
 
 import pytest
 
 from tarnlab import drvproto
 from tarnsys import (CLIENT_PATH, LISTENING_LOG, TARN_SOCKET, local_listener, local_message,
-                     receive_all)
+                     receive_all, send_driver_event, wait_for)
 
 SHORT = 10  # seconds a command that should end at once may take
 SHOW_TIMEOUT = 15  # seconds a show client waits for the daemon's list
@@ -56,6 +60,76 @@ def test_daemon_sockets_and_a_second_daemon(node):
     assert second.returncode == 1
     assert "tarn_socket_init: Bind recv nbcp socket failed" in second.stderr
     assert node.tarn("get", "rssi", timeout=SHORT).stdout == "current rssi  limit:5\n"
+
+
+# Runs as an unprivileged user ("nobody") inside the AP.
+AS_NOBODY = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", sys.executable, "-c"]
+
+# Binds the driver's port id (4) of the netlink protocol, then prints the size of the first
+# message that arrives there.
+PORT_HOLDER = """
+import socket
+holder = socket.socket(socket.AF_NETLINK, socket.SOCK_RAW, %d)
+holder.bind((%d, 0))
+print("bound", flush=True)
+holder.settimeout(20)
+print(len(holder.recv(65535)), flush=True)
+""" % (drvproto.NETLINK_USERSOCK, drvproto.DAEMON_PORT)
+
+
+def test_a_process_holding_the_driver_port_keeps_the_daemon_out(node):
+    holder = node.popen(AS_NOBODY + [PORT_HOLDER], stdout=subprocess.PIPE, text=True)
+    try:
+        assert holder.stdout.readline() == "bound\n"
+        daemon = node.start_daemon(["-D"], wait=False)
+        assert daemon.wait(SHORT) == 1
+        assert "Bind recv hand socket failed" in node.log_text()
+        send_driver_event(node, bytes(34))  # the driver's next message reaches the holder
+        assert int(holder.stdout.readline()) > 0
+    finally:
+        holder.kill()
+        holder.wait()
+
+
+def neighbor_list_reply(mac, name):
+    """A list reply (operation 51) of one neighbor, element by element."""
+    def element(code, value):
+        return struct.pack(">HH", code, len(value)) + value
+    entry = (element(7, bytes.fromhex(mac.replace(":", ""))) +
+             element(8, b"\0") + element(9, b"9.9") + element(10, name.encode()) +
+             element(11, b"\0") + element(60, b"\0"))
+    return struct.pack("=BxxxHxx", 0, 51) + entry + bytes(2)
+
+
+# Waits for the show client's reply path, prints its mode and answers there first.
+FORGER = """
+import os, socket, stat, sys, time
+path, reply = sys.argv[1], bytes.fromhex(sys.argv[2])
+while not os.path.exists(path):
+    time.sleep(0.01)
+print(oct(stat.S_IMODE(os.stat(path).st_mode)), flush=True)
+with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as sock:
+    sock.sendto(reply, path)
+"""
+
+
+def test_any_local_user_can_answer_show_before_the_daemon(node):
+    start(node)
+    node.daemon.send_signal(signal.SIGSTOP)  # a daemon that has not answered yet
+    try:
+        client = node.popen([node.lab.tarn_binary, "show", "ubus"], stdout=subprocess.PIPE,
+                            text=True)
+        wait_for(lambda: os.path.exists(node.path(CLIENT_PATH)), what="the client's reply path")
+        forger = node.exec(AS_NOBODY + [FORGER, CLIENT_PATH,
+                                        neighbor_list_reply("02:66:66:66:66:66", "forged").hex()],
+                           timeout=SHOW_TIMEOUT)
+        shown, _ = client.communicate(timeout=SHOW_TIMEOUT + 5)
+    finally:
+        node.daemon.send_signal(signal.SIGCONT)
+
+    assert forger.stdout == "0o777\n", forger.stderr
+    forged_rows = [line.split() for line in shown.splitlines() if "forged" in line]
+    assert len(forged_rows) == 1 and forged_rows[0][0] == "02:66:66:66:66:66", shown
 
 
 def test_get_rssi_prints_the_default_then_the_value_set(node):

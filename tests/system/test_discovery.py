@@ -2,11 +2,18 @@
 is probed (ndrp) and described by its answer (ndsp), over IPv4 or IPv6; the driver's cache
 reply creates entries; and the messages the daemon sends the driver at start-up."""
 
+import collections
+import contextlib
+import ipaddress
+import socket
+import time
+
 import pytest
 
 from tarnlab import drvproto
+from tarnlab.nbcp import ANSWER_TYPE, PROBE
 from tarnlab.show import parse_wireless_table
-from tarnsys import wait_for
+from tarnsys import NBCP_PORT, udp_socket_in, wait_for
 
 LAB_VERSION = "1.0.0-lab"
 FAKE_MAC = "02:7a:00:00:00:99"  # an AP nobody runs: probes to it go unanswered
@@ -94,3 +101,30 @@ def test_start_up_messages_to_the_driver(make_lab, args, rssi_messages):
     info = wait_for(lambda: received(drvproto.OP_SET_IPADDR), what="the AP information sent")
     assert (info[0]["value"], info[0]["ip"], info[0]["ip6"], info[0]["mac"],
             info[0]["max_ngbr"], info[0]["problems"]) == (1, ap.ip4, ap.ip6, ap.mac, 64, [])
+
+
+def test_a_probe_to_the_broadcast_address_is_answered_by_every_ap(make_lab):
+    lab = make_lab({"count": 4, **QUIET})
+    prober_ap = lab["ap4"]
+    prober_ap.stop_daemon()
+    prober = udp_socket_in(prober_ap)
+    prober.setsockopt(socket.SOL_SOCKET, socket.SO_BROADCAST, 1)
+    subnet = ipaddress.IPv4Interface(f"{prober_ap.ip4}/{prober_ap.config['prefix4']}").network
+    answering = {lab[name].ip4 for name in ("ap1", "ap2", "ap3")}
+    answers = collections.Counter()
+
+    def receive_for(seconds):
+        prober.settimeout(seconds)
+        with contextlib.suppress(socket.timeout):
+            data, source = prober.recvfrom(70000)
+            if data[3] == ANSWER_TYPE:
+                answers[source[0]] += 1
+
+    with prober:
+        prober.sendto(PROBE, (str(subnet.broadcast_address), NBCP_PORT))
+        deadline = time.monotonic() + 15
+        while set(answers) != answering and time.monotonic() < deadline:
+            receive_for(1.0)
+        for _ in range(10):  # a second answer from any AP comes right after the first
+            receive_for(0.2)
+    assert answers == {ip: 1 for ip in answering}

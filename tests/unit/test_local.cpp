@@ -62,22 +62,33 @@ size_t resident_pages(const void *p, size_t n) {
         std::count_if(in_core.begin(), in_core.end(), [](auto v) { return v & 1; }));
 }
 
-// A crafted datagram that writes a few bytes into each of hundreds of pages of the decode area
-// (255 entry heads of a fixed-layout kind) leaves them resident only until the next decode.
-TEST(ReceiveArea, SpreadDecodePagesGoBackToTheKernel) {
+bool all_zero(const nbcp_msg &msg) {
+    const auto *p = reinterpret_cast<const uint8_t *>(&msg);
+    return std::all_of(p, p + sizeof msg, [](uint8_t b) { return b == 0; });
+}
+
+// Making the decode area makes none of its pages resident. A crafted datagram that writes a few
+// bytes into each of hundreds of pages (255 entry heads of a fixed-layout kind) keeps them
+// resident only while it is handled: once done, they are gone and the area reads as zero.
+TEST(ReceiveArea, PagesAreResidentOnlyWhileASpreadDatagramIsHandled) {
     auto area = std::make_unique<nbcp_decode_area>();
+    EXPECT_LT(resident_pages(&area->msg, sizeof area->msg), 8u);
     std::vector<uint8_t> spread = {0, 0, 0, 5, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 255};
     for (int entry = 0; entry < 255; ++entry) {
         spread.insert(spread.end(), {1, 0, 0});
         spread.resize(spread.size() + 14);
     }
-    const uint8_t unknown[12] = {0, 0, 0, 200};
-
-    area->parse(spread.data(), spread.size());
-    const size_t after_spread = resident_pages(&area->msg, sizeof area->msg);
-    area->parse(unknown, sizeof unknown);
-    EXPECT_GT(after_spread, 200u);
-    EXPECT_LT(resident_pages(&area->msg, sizeof area->msg), 8u);
+    for (int round = 0; round < 2; ++round) {
+        size_t while_handled = 0;
+        {
+            decoded_datagram decoded(*area);
+            area->parse(spread.data(), spread.size());
+            while_handled = resident_pages(&area->msg, sizeof area->msg);
+        }
+        EXPECT_GT(while_handled, 200u) << round;
+        EXPECT_LT(resident_pages(&area->msg, sizeof area->msg), 8u) << round;
+        EXPECT_TRUE(all_zero(area->msg)) << round;
+    }
 }
 
 bytes message(uint16_t op, uint8_t value = 0) {
