@@ -10,6 +10,7 @@ import struct
 import subprocess
 import threading
 import time
+from concurrent.futures import ThreadPoolExecutor
 
 from tarnlab import drvproto, nsutil
 from tarnlab.show import parse_wireless_table
@@ -29,11 +30,11 @@ FOUR_APS = {"count": 4, "hears": [{"ap": "ap1", "hears": name, **radio}
 
 
 def info(ap, *args, timeout=30):
-    """tarn-info run inside the AP; unlike ap.exec, safe from several threads at once."""
-    return run_in(ap, [os.path.join(ap.lab.build_dir, "tarn-info")] + list(args), timeout)
+    return run_in(ap, ["tarn-info", *args], timeout)  # the lab's PATH has the build's
 
 
 def run_in(ap, argv, timeout=30):
+    """Runs argv inside the AP like ap.exec, but safe to call from several threads at once."""
     return subprocess.run(nsutil.nsenter_argv(ap.holder_pid) + ["env", "-i"] +
                           [f"{k}={v}" for k, v in ap.env().items()] + argv, capture_output=True,
                           text=True, timeout=timeout, stdin=subprocess.DEVNULL)
@@ -59,6 +60,11 @@ def cache_requests(ap):
     return len([e for e in ap.driver_record("rx") if e.get("op") == drvproto.OP_GET_APS])
 
 
+def reply_sockets(ap):
+    return [f for f in os.listdir(ap.path("/tmp/socket"))
+            if f.startswith("tarn_info.") and f[len("tarn_info."):].isdigit()]
+
+
 def test_json_lists_exactly_the_heard_aps_with_the_drivers_values(make_lab):
     lab, entries = four_ap_lab(make_lab)
     assert sorted(n["mac"] for n in entries) == sorted(lab[a].mac for a in RADIOS)
@@ -75,27 +81,21 @@ def test_json_lists_exactly_the_heard_aps_with_the_drivers_values(make_lab):
                                for r in RADIOS[name]]
 
 
-# ----- hand-made answers ----------------------------------------------------------------------
-
 NAME_MAX, VERSION_MAX, TENANT_MAX = 31, 15, 63
 
 
 def describe(ap, mac, name, version=b"v" * VERSION_MAX, tenant=b"t" * TENANT_MAX, state=0,
              radios=4):
     """Sends `ap`'s daemon, from inside it, an answer (type 11, mode 0) for `mac`."""
-    def element(code, value):
-        return struct.pack(">HH", code, len(value)) + value
-    body = [element(0x86, b"\x01"), element(0x87, b"\x00"),
-            element(0x89, drvproto.mac_bytes(mac)), element(0x8c, bytes([state])),
-            element(0x9a, tenant), element(0x8d, version), element(0x8e, name),
-            element(0x8f, bytes([radios]))]
+    pairs = [(0x86, b"\x01"), (0x87, b"\0"), (0x89, drvproto.mac_bytes(mac)),
+             (0x8c, bytes([state])), (0x9a, tenant), (0x8d, version), (0x8e, name),
+             (0x8f, bytes([radios]))]
     for r in range(radios):
-        body += [element(0x91, bytes([r])), element(0x92, b"\x00"),
-                 element(0x93, bytes([10 + r])), element(0x94, b"\x00"),
-                 element(0x9b, b"\x00"), element(0x90, b"\x00")]
+        pairs += [(0x91, bytes([r])), (0x92, b"\0"), (0x93, bytes([10 + r])), (0x94, b"\0"),
+                  (0x9b, b"\0"), (0x90, b"\0")]
+    body = b"".join(struct.pack(">HH", code, len(value)) + value for code, value in pairs)
     with udp_socket_in(ap, port=0) as sock:
-        sock.sendto(bytes([0, 0, 0, 11]) + bytes(6) + b"".join(body) + b"\x00\x00",
-                    (ap.ip4, NBCP_PORT))
+        sock.sendto(bytes([0, 0, 0, 11]) + bytes(6) + body + b"\0\0", (ap.ip4, NBCP_PORT))
 
 
 def driver_hears(ap, macs):
@@ -143,8 +143,6 @@ def test_learned_neighbor_claiming_static_state_stays_learned(make_lab):
         (3, "static_active", True, False)
 
 
-# ----- the shared answer and --watch ----------------------------------------------------------
-
 def show_rows(ap):
     result = run_in(ap, [ap.lab.tarn_binary, "show"])
     assert result.returncode == 0, result.stderr
@@ -168,13 +166,10 @@ def test_hundred_calls_share_answers_and_tarn_show_is_unaffected(make_lab):
                 failures.append(result.stderr or result.stdout)
 
     started = time.monotonic()
-    threads = [threading.Thread(target=caller) for _ in range(10)]
-    for t in threads:
-        t.start()
-    while any(t.is_alive() for t in threads):
-        shows.append(show_rows(ap1))
-    for t in threads:
-        t.join()
+    with ThreadPoolExecutor(10) as pool:
+        calls = [pool.submit(caller) for _ in range(10)]
+        while not all(c.done() for c in calls):
+            shows.append(show_rows(ap1))
     elapsed, requests = time.monotonic() - started, cache_requests(ap1) - before
     print(f"100 calls in {elapsed:.1f} s: {requests} driver cache requests; "
           f"{len(shows)} tarn show runs meanwhile")
@@ -182,8 +177,7 @@ def test_hundred_calls_share_answers_and_tarn_show_is_unaffected(make_lab):
     # One request when the calls start, one more per full cache age they span: 2 in 9 s.
     assert 1 <= requests <= 1 + int(elapsed // CACHE_AGE_S)
     assert shows and all(rows == rows_before for rows in shows)
-    assert [f for f in os.listdir(ap1.path("/tmp/socket")) if f.startswith("tarn_info.")
-            and f not in ("tarn_info.cache", "tarn_info.lock")] == []
+    assert reply_sockets(ap1) == []
 
 
 def test_watch_reports_a_drop_and_the_return(make_lab):
@@ -191,8 +185,7 @@ def test_watch_reports_a_drop_and_the_return(make_lab):
     ap1, ap3 = lab["ap1"], lab["ap3"]
     time.sleep(CACHE_AGE_S + 1)  # the watch's first read then asks the driver: a sign it ran
     requests = cache_requests(ap1)
-    proc = ap1.popen([os.path.join(lab.build_dir, "tarn-info"), "--watch", "1"],
-                     stdout=subprocess.PIPE, text=True)
+    proc = ap1.popen(["tarn-info", "--watch", "1"], stdout=subprocess.PIPE, text=True)
     events = []
 
     def read_events():
@@ -219,11 +212,8 @@ def test_watch_reports_a_drop_and_the_return(make_lab):
         proc.terminate()
         proc.wait(timeout=10)
     assert proc.returncode == 0
-    assert not any(f.startswith("tarn_info.") and f[len("tarn_info."):].isdigit()
-                   for f in os.listdir(ap1.path("/tmp/socket")))
+    assert reply_sockets(ap1) == []
 
-
-# ----- without a daemon -----------------------------------------------------------------------
 
 def test_silent_or_missing_daemon_fails_with_a_message_and_the_metrics_say_so(make_lab):
     ap1 = make_lab(ONE_AP)["ap1"]
@@ -242,8 +232,8 @@ def test_silent_or_missing_daemon_fails_with_a_message_and_the_metrics_say_so(ma
     def metrics_say(line):
         with contextlib.suppress(FileNotFoundError), open(metrics) as f:
             return line in f.read()
-    writer = ap1.popen([os.path.join(ap1.lab.build_dir, "tarn-info"), "--prometheus",
-                        "--output", "/tmp/tarn.prom", "--interval", "1"])
+    writer = ap1.popen(["tarn-info", "--prometheus", "--output", "/tmp/tarn.prom",
+                        "--interval", "1"])
     try:
         wait_for(lambda: metrics_say("\ntarn_up 1\n"), 30, what="tarn_up 1 in the file")
         # A fresh shared answer is there now: it must not stand in for a stopped daemon.
