@@ -446,17 +446,18 @@ class InfoFiles : public ::testing::Test {
 TEST_F(InfoFiles, CacheIsTrustedOnlyWhenPrivateRootOwnedAndFresh) {
     const bytes answer = list_answer({entry(1)});
     const auto keep = [](const info_string &) {};
+    constexpr long long NS = 1000000000;
     const struct {
         const char *what;
         std::function<void(const info_string &)> spoil;
-        long age_s;
+        long long age_ns;  // of the file when read
         bool used;
     } rows[] = {
         // clang-format off
         {"fresh", keep, 0, true},
-        {"5 s old", keep, INFO_CACHE_MAX_AGE_S, true},
-        {"6 s old", keep, INFO_CACHE_MAX_AGE_S + 1, false},
-        {"from the future", keep, -2, false},
+        {"5 s old", keep, INFO_CACHE_MAX_AGE_S * NS, true},
+        {"1 ns older", keep, INFO_CACHE_MAX_AGE_S * NS + 1, false},
+        {"1 ns in the future", keep, -1, false},
         {"mode 0644", [](const info_string &p) { chmod(p.c_str(), 0644); }, 0, false},
         {"owned by nobody", [](const info_string &p) { ASSERT_EQ(chown(p.c_str(), 65534, 0), 0); }, 0, false},
         {"hard-linked", [&](const info_string &p) { link(p.c_str(), (dir_ + "/x").c_str()); }, 0, false},
@@ -471,8 +472,8 @@ TEST_F(InfoFiles, CacheIsTrustedOnlyWhenPrivateRootOwnedAndFresh) {
         r.spoil(paths_.cache);
         struct stat st {};
         lstat(paths_.cache.c_str(), &st);
-        timespec now = st.st_mtim;
-        now.tv_sec += r.age_s;
+        long long now_ns = st.st_mtim.tv_sec * NS + st.st_mtim.tv_nsec + r.age_ns;
+        timespec now{static_cast<time_t>(now_ns / NS), static_cast<long>(now_ns % NS)};
         bytes read;
         EXPECT_EQ(info_cache_read(paths_, now, read), r.used) << r.what;
         EXPECT_EQ(read, r.used ? answer : read) << r.what;
