@@ -160,13 +160,10 @@ std::string merge_summary(const cJSON *doc) {
 
 TEST(StaticMerge, ReportsEachNeighborOnceWithItsLists) {
     // A daemon keeps the first 8 of a file of 9, each loaded to the front of its list.
+    const std::vector<uint8_t> file_of_9 = {0xa0, 0xa1, 0xa2, 0xa3, 0xa4, 0xa5, 0xa6, 0xa7, 0xa8};
     std::vector<ap_info> all_statics = {entry(1)};
-    std::vector<uint8_t> file_of_9;
-    for (uint8_t i = 0; i <= STATIC_NGBR_MAX; ++i) {
-        file_of_9.push_back(static_cast<uint8_t>(0xa0 + i));
-        if (i < STATIC_NGBR_MAX) {
-            all_statics.insert(all_statics.begin() + 1, entry(static_cast<uint8_t>(0xa0 + i)));
-        }
+    for (int i = STATIC_NGBR_MAX - 1; i >= 0; --i) {
+        all_statics.push_back(entry(file_of_9[i]));
     }
     const struct {
         const char *what;
@@ -441,6 +438,7 @@ class InfoFiles : public ::testing::Test {
     }
     static void put_file(const info_string &path, const char *text) {
         FILE *f = fopen(path.c_str(), "w");
+        ASSERT_NE(f, nullptr) << path;
         fputs(text, f);
         fclose(f);
     }
@@ -513,23 +511,8 @@ TEST_F(InfoFiles, FilesAreMadePrivateAndNeverThroughAPlantedOne) {
     EXPECT_EQ(mode_of(paths_.lock), S_IFREG | 0600);
 }
 
-TEST_F(InfoFiles, ReplyPathOfThisPidIsTakenOverOnlyWhenItIsASocket) {
-    close(bound_socket(own_));  // a socket path left by an earlier process of this pid
-    bytes got;
-    info_string error;
-    // No daemon here: the call gets as far as sending, past the bind, and fails there.
-    EXPECT_FALSE(info_exchange(dir_, 100, got, error));
-    EXPECT_NE(error.find("no daemon"), std::string::npos) << error;
-    EXPECT_NE(access(own_.c_str(), F_OK), 0);
-
-    put_file(own_, "");
-    EXPECT_FALSE(info_exchange(dir_, 100, got, error));
-    EXPECT_NE(error.find("not a socket"), std::string::npos) << error;
-    EXPECT_EQ(access(own_.c_str(), F_OK), 0);
-}
-
 // A stand-in daemon bound at dir/tarn_socket answers each request with reply_len bytes.
-TEST_F(InfoFiles, ExchangeTakesAnAnswerUpToTheDatagramLimit) {
+TEST_F(InfoFiles, ExchangeTakesAnAnswerUpToTheDatagramLimitFromItsOwnPath) {
     info_string daemon_path = dir_ + "/" + INFO_DAEMON_SOCKET;
     int daemon = bound_socket(daemon_path);
     int sndbuf = 4 * NBCP_LIST_MAX;
@@ -564,6 +547,19 @@ TEST_F(InfoFiles, ExchangeTakesAnAnswerUpToTheDatagramLimit) {
     EXPECT_EQ(info_daemon_probe(dir_), ECONNREFUSED);
     unlink(daemon_path.c_str());
     EXPECT_EQ(info_daemon_probe(dir_), ENOENT);
+
+    // The reply path of this pid is taken over only when it is a socket (left by an earlier
+    // process of this pid): with no daemon the call gets as far as sending, past the bind.
+    close(bound_socket(own_));
+    bytes got;
+    info_string error;
+    EXPECT_FALSE(info_exchange(dir_, 100, got, error));
+    EXPECT_NE(error.find("no daemon"), std::string::npos) << error;
+    EXPECT_NE(access(own_.c_str(), F_OK), 0);
+    put_file(own_, "");
+    EXPECT_FALSE(info_exchange(dir_, 100, got, error));
+    EXPECT_NE(error.find("not a socket"), std::string::npos) << error;
+    EXPECT_EQ(access(own_.c_str(), F_OK), 0);
 }
 
 }  // namespace
