@@ -140,30 +140,21 @@ class field_list {
 // alone, which every record begins with.
 template <typename Use>
 void on_record(const nbcp_msg &msg, Use use) {
+    // clang-format off
     switch (msg.kind) {
-        case NBCP_TYPE_NDRP:
-            return use(msg.m.ndrp);
-        case NBCP_TYPE_NDSP:
-            return use(msg.m.ndsp);
-        case 1:
-            return use(msg.m.kind1);
-        case 2:
-            return use(msg.m.kind2);
-        case 3:
-            return use(msg.m.kind3);
-        case 4:
-            return use(msg.m.kind4);
-        case 5:
-            return use(msg.m.kind5);
-        case 6:
-            return use(msg.m.kind6);
-        case NBCP_TYPE_15:
-            return use(msg.m.type15);
-        case NBCP_TYPE_16:
-            return use(msg.m.type16);
-        default:
-            return;
+        case NBCP_TYPE_NDRP: return use(msg.m.ndrp);
+        case NBCP_TYPE_NDSP: return use(msg.m.ndsp);
+        case 1: return use(msg.m.kind1);
+        case 2: return use(msg.m.kind2);
+        case 3: return use(msg.m.kind3);
+        case 4: return use(msg.m.kind4);
+        case 5: return use(msg.m.kind5);
+        case 6: return use(msg.m.kind6);
+        case NBCP_TYPE_15: return use(msg.m.type15);
+        case NBCP_TYPE_16: return use(msg.m.type16);
+        default: return;
     }
+    // clang-format on
 }
 
 fields describe(const nbcp_msg &msg) {
@@ -194,21 +185,13 @@ struct random_bytes {
     std::mt19937_64 next;
     uint32_t below(uint32_t n) { return static_cast<uint32_t>(next() % n); }
     uint8_t byte() { return static_cast<uint8_t>(next()); }
-    // Mostly small: counts and lengths that keep a list walk inside its datagram.
-    uint8_t small_byte() { return below(4) == 0 ? byte() : static_cast<uint8_t>(below(7)); }
-};
-
-// An element whose code comes mostly from the codes the type knows, with a length that is
-// mostly one of the value forms (u8, u32, mac, address, string) and a value of small bytes.
-void put_element(random_bytes &rng, bytes &out, uint16_t first_code, uint16_t codes) {
-    static const uint16_t forms[] = {1, 1, 1, 1, 4, 6, 16};
-    uint32_t code = rng.below(8) == 0 ? rng.below(256) : first_code + rng.below(codes);
-    uint32_t len = rng.below(8) == 0 ? rng.below(48) : forms[rng.below(std::size(forms))];
-    out.insert(out.end(), {uint8_t(code >> 8), uint8_t(code), uint8_t(len >> 8), uint8_t(len)});
-    for (uint32_t i = 0; i < len; ++i) {
-        out.push_back(rng.small_byte());
+    // Mostly small bytes: counts and lengths that keep a list walk inside its datagram.
+    void append_small(bytes &out, uint32_t n) {
+        for (; n > 0; --n) {
+            out.push_back(below(4) == 0 ? byte() : static_cast<uint8_t>(below(7)));
+        }
     }
-}
+};
 
 // The codes that the elements of each type with elements are mostly drawn from: first code and
 // count. Other types draw from all.
@@ -217,27 +200,33 @@ const std::map<uint8_t, std::pair<uint16_t, uint16_t>> CODES = {
     {6, {81, 6}},   {21, {15, 11}}, {22, {31, 12}}, {23, {51, 16}}, {24, {70, 10}},
     {25, {89, 22}}, {26, {81, 6}},  {10, {128, 5}}, {11, {134, 23}}};
 
+// A header whose flag is mostly zero, then fixed-layout bytes (or garbage) or elements: an
+// element's code is mostly one the type knows, its length mostly one of the value forms (u8,
+// u32, mac, address, string). Elements end with a zero type or not; some datagrams are cut
+// short, possibly inside the header.
 bytes random_datagram(random_bytes &rng, uint8_t type) {
+    static const uint32_t forms[] = {1, 1, 1, 1, 4, 6, 16};
+    auto known = CODES.find(type);
+    auto [first, codes] =
+        known == CODES.end() ? std::pair<uint16_t, uint16_t>{1, 160} : known->second;
     bytes d = {rng.below(2) == 0 ? uint8_t{0} : rng.byte(), rng.byte(), rng.byte(), type};
     while (d.size() < 10) {
         d.push_back(rng.byte());
     }
-    if (rng.below(4) == 0) {  // fixed-layout bytes, or garbage
-        for (uint32_t n = rng.below(700); n > 0; --n) {
-            d.push_back(rng.small_byte());
-        }
-    } else {  // elements, ended by a zero type or not
-        auto known = CODES.find(type);
-        auto [first, codes] =
-            known == CODES.end() ? std::pair<uint16_t, uint16_t>{1, 160} : known->second;
+    if (rng.below(4) == 0) {
+        rng.append_small(d, rng.below(700));
+    } else {
         for (uint32_t n = rng.below(120); n > 0; --n) {
-            put_element(rng, d, first, codes);
+            uint32_t code = rng.below(8) == 0 ? rng.below(256) : first + rng.below(codes);
+            uint32_t len = rng.below(8) == 0 ? rng.below(48) : forms[rng.below(7)];
+            d.insert(d.end(), {uint8_t(code >> 8), uint8_t(code), uint8_t(len >> 8), uint8_t(len)});
+            rng.append_small(d, len);
         }
         if (rng.below(2) == 0) {
             d.insert(d.end(), {0, 0});
         }
     }
-    if (rng.below(6) == 0) {  // truncated, possibly inside the header
+    if (rng.below(6) == 0) {
         d.resize(rng.below(static_cast<uint32_t>(d.size()) + 1));
     }
     return d;
