@@ -232,15 +232,18 @@ bytes random_datagram(random_bytes &rng, uint8_t type) {
     return d;
 }
 
-// Many datagrams of each type that is parsed, a few of every other.
+// Many datagrams of each type that is parsed, a few of every other, in a random order.
 std::vector<bytes> random_datagrams() {
     random_bytes rng{std::mt19937_64(0x7461726e)};
     std::vector<bytes> all;
     for (int type = 0; type < 256; ++type) {
         bool parsed = CODES.count(uint8_t(type)) || type == NBCP_TYPE_15 || type == NBCP_TYPE_16;
         for (int n = parsed ? 200 : 4; n > 0; --n) {
-            all.push_back(random_datagram(rng, static_cast<uint8_t>(type)));
+            all.push_back(random_datagram(rng, uint8_t(type)));
         }
+    }
+    for (size_t i = all.size() - 1; i > 0; --i) {
+        std::swap(all[i], all[rng.below(uint32_t(i + 1))]);
     }
     return all;
 }
@@ -381,15 +384,6 @@ std::map<std::string, std::string> list_seeds_expected() {
     };
 }
 
-// The bytes of a seed of fuzz/corpus/<target>, or none when there is no such file.
-bytes seed_bytes(const std::string &target, const std::string &name) {
-    std::string file = __FILE__;
-    std::ifstream in(
-        file.substr(0, file.rfind("/tests/unit/")) + "/fuzz/corpus/" + target + "/" + name,
-        std::ios::binary);
-    return bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
 // A zeroed record, decoded from exactly the datagram's bytes (a read past them is caught).
 fields decoded_alone(const bytes &datagram) {
     static nbcp_msg *msg = new nbcp_msg();
@@ -414,26 +408,27 @@ fields list_read(const bytes &reply) {
     return f.got;
 }
 
+// The fuzz corpora of this source tree.
+const std::string CORPUS =
+    std::string(__FILE__).substr(0, std::string(__FILE__).rfind("/tests/unit/")) + "/fuzz/corpus/";
+
 TEST(NbcpGolden, SeedsGiveTheFieldsTheirBytesCarry) {
     for (const auto &[target, decode, rows] :
          {std::tuple{"parse", &decoded_alone, parse_seeds_expected()},
           std::tuple{"list", &list_read, list_seeds_expected()}}) {
         for (const auto &[name, expected] : rows) {
-            const bytes seed = seed_bytes(target, name);
+            std::ifstream in(CORPUS + target + "/" + name, std::ios::binary);
+            const bytes seed(std::istreambuf_iterator<char>(in), {});
             ASSERT_FALSE(seed.empty()) << "no seed " << target << "/" << name;
             EXPECT_EQ(differences(decode(seed), expect(expected)), "") << target << "/" << name;
         }
     }
 }
 
-// Random datagrams of every type in a shuffled order through one decode area, which clears
-// only what the previous datagram wrote: each leaves the fields it gives when decoded alone.
+// Random datagrams of every type through one decode area, which clears only what the previous
+// datagram wrote: each leaves the fields it gives when decoded alone.
 TEST(NbcpGolden, ReusedAreaGivesTheFieldsOfADecodeAlone) {
-    std::vector<bytes> datagrams = random_datagrams();
-    random_bytes rng{std::mt19937_64(0x72657573)};
-    for (size_t i = datagrams.size() - 1; i > 0; --i) {
-        std::swap(datagrams[i], datagrams[rng.below(uint32_t(i + 1))]);
-    }
+    const std::vector<bytes> datagrams = random_datagrams();
     auto area = std::make_unique<nbcp_decode_area>();
     size_t differing = 0;
     for (size_t i = 0; i < datagrams.size() && differing < 3; ++i) {
