@@ -135,6 +135,7 @@ class field_list {
         (put(next(), values), ...);
     }
 };
+#undef MEMBERS
 
 // Calls use with the record that a decode of this kind fills; unknown kinds fill the header
 // alone, which every record begins with.
