@@ -7,14 +7,13 @@ import json
 import os
 import signal
 import socket
-import struct
 import subprocess
 import threading
 import time
 
 from tarnlab import drvproto, nsutil
 from tarnlab.show import parse_wireless_table
-from tarnsys import NBCP_PORT, udp_socket_in, wait_for
+from tarnsys import NBCP_PORT, ndsp, udp_socket_in, wait_for
 
 LAB_VERSION = "1.0.0-lab"
 CACHE_AGE_S = 5
@@ -96,23 +95,6 @@ def test_json_lists_exactly_the_heard_aps_with_the_drivers_values(make_lab):
 # ----- hand-made answers: a full table with the longest texts ---------------------------------
 
 NAME_MAX, VERSION_MAX, TENANT_MAX = 31, 15, 63
-
-
-def element(code, value):
-    return struct.pack(">HH", code, len(value)) + value
-
-
-def ndsp(mac, name, version, tenant, state=0, radios=4):
-    """An answer (type 11, mode 0) describing `mac`, with `radios` radios."""
-    body = [element(0x86, b"\x01"), element(0x87, b"\x00"),
-            element(0x89, drvproto.mac_bytes(mac)), element(0x8c, bytes([state])),
-            element(0x9a, tenant), element(0x8d, version), element(0x8e, name),
-            element(0x8f, bytes([radios]))]
-    for r in range(radios):
-        body += [element(0x91, bytes([r])), element(0x92, b"\x00"),
-                 element(0x93, bytes([10 + r])), element(0x94, b"\x00"),
-                 element(0x9b, b"\x00"), element(0x90, b"\x00")]
-    return bytes([0, 0, 0, 11]) + bytes(6) + b"".join(body) + b"\x00\x00"
 
 
 def fake_mac(i):
