@@ -1,7 +1,8 @@
 # Stand-in for OpenWrt's /lib/functions/procd.sh: instead of sending the service's definition to
 # procd over the bus, it writes what procd would be told under $PROCD_STATE_DIR:
 #   SERVICE      one line per instance: "command ARGS... | param=value ..."
-#   journal      one line per call that reaches procd: "open SERVICE", "kill SERVICE"
+#   journal      one line per call that reaches procd: "open SERVICE", "kill SERVICE",
+#                "reload SERVICE on CONFIG" (a reload trigger)
 
 procd_open_service() {
 	procd_service=$1
@@ -41,8 +42,19 @@ procd_close_instance() {
 "
 }
 
-# The service's instances replace the ones procd held before.
+# procd_add_reload_trigger CONFIG...: procd reloads the service when one of these UCI
+# configurations changes.
+procd_add_reload_trigger() {
+	local config
+	for config in "$@"; do
+		echo "reload $procd_service on $config" >>"$PROCD_STATE_DIR/journal"
+	done
+}
+
+# The service's triggers (service_triggers, when the script defines it) go with its instances,
+# which replace the ones procd held before.
 procd_close_service() {
+	if command -v service_triggers >/dev/null; then service_triggers; fi
 	printf '%s' "$procd_instances" >"$PROCD_STATE_DIR/$procd_service"
 }
 

@@ -1,86 +1,23 @@
 #!/bin/sh
 # The procd service script in the AP's shell: run as `busybox ash tests/package/test_tarn_init.sh`
-# (as root). Every command the script runs is a busybox applet (busybox's ash runs its own
-# applets before any program on PATH, and PATH holds nothing else); OpenWrt's rc.common,
-# functions.sh and procd.sh are the stand-ins beside this file; a `logger` function records the
-# system log.
+# (as root), in the sandbox of sandbox.sh.
 # Checked: the instance procd is given for each set of options (the package's own
 # /etc/config/tarn first), the options left out with their log line, start, stop, restart,
 # enable and disable, and what becomes of whatever lies at /tmp/socket.
-#
-# It runs in a private mount namespace with fresh tmpfs on /mnt (its own files), /tmp and /var.
 set -eu
 
 here=$(cd "$(dirname "$0")" && pwd)
-if [ "${1-}" != --inside ]; then
-	if [ "$(id -u)" -ne 0 ]; then
-		echo "SKIP test_tarn_init: needs root (a private mount namespace)"
-		exit 0
-	fi
-	exec unshare --mount --propagation private busybox ash "$here/test_tarn_init.sh" --inside
-fi
+. "$here/sandbox.sh"
+sandbox tarn "$@"
+section_header="config tarn 'config'"
 
-work=/mnt
-mount -t tmpfs tmpfs "$work"
-mkdir -p "$work/lib" "$work/bin" "$work/procd" "$work/root/etc/init.d" \
-	"$work/root/etc/config"
-cp "$here/rc.common" "$here/functions.sh" "$here/procd.sh" "$work/lib/"
-cp "$here/../../openwrt/tarn/files/tarn.init" "$work/root/etc/init.d/tarn"
-chmod 0755 "$work/root/etc/init.d/tarn"
-cp "$here/../../openwrt/tarn/files/tarn.config" "$work/package.config"
-busybox --install -s "$work/bin"
-mount -t tmpfs tmpfs /tmp
-mount -t tmpfs tmpfs /var
-
-export PATH="$work/bin" UCI_CONFIG_DIR="$work/root/etc/config" PROCD_STATE_DIR="$work/procd" \
-	SYSLOG="$work/syslog"
-# The root an image is assembled in, where `enable` makes its links.
-instroot="$work/root"
+# The root an image is assembled in is $instroot, where `enable` makes its links.
 image_service() { (export IPKG_INSTROOT="$instroot" && service "$@"); }
-config="$UCI_CONFIG_DIR/tarn"
-
-# /etc/init.d/tarn ACTION, as the kernel runs it: sh /etc/rc.common /etc/init.d/tarn ACTION.
-# The system log: "logger -t TAG MESSAGE" appends "TAG: MESSAGE" to $SYSLOG.
-service() {
-	busybox ash -c '
-		logger() {
-			local tag=""
-			if [ "$1" = -t ]; then tag=$2 && shift 2; fi
-			echo "$tag: $*" >>"$SYSLOG"
-		}
-		. "$0"' "$work/lib/rc.common" "$instroot/etc/init.d/tarn" "$@"
-}
-
-# The instance procd holds: "command line | parameters", or "" when none.
-instance() { cat "$PROCD_STATE_DIR/tarn" 2>/dev/null || true; }
 
 # Option names named in the log since the last reset, in order.
 logged_options() {
 	sed -n "s/^tarn: option \([a-z_]*\) '.*' is not .*: left out, the default applies$/\1/p" \
 		"$SYSLOG" 2>/dev/null | tr '\n' ' ' | sed 's/ $//'
-}
-
-reset() {
-	rm -f "$SYSLOG" "$PROCD_STATE_DIR"/*
-}
-
-# Writes section "config" with the given option statements, separated by ';'.
-write_config() {
-	local IFS=';' statement
-	echo "config tarn 'config'" >"$config"
-	for statement in $1; do
-		printf '\toption %s\n' "${statement# }" >>"$config"
-	done
-}
-
-failures=0
-check() {
-	if [ "$2" = "$3" ]; then
-		echo "ok   $1"
-		return 0
-	fi
-	echo "FAIL $1: got '$2', expected '$3'"
-	failures=$((failures + 1))
 }
 
 # ----- options -> the instance's command line and the log ------------------------------------
@@ -205,8 +142,4 @@ check "/tmp/socket cannot be made: started" "$(instance)" ""
 check "/tmp/socket cannot be made: log" "$(cat "$SYSLOG")" \
 	"tarn: cannot create /tmp/socket as root's own directory: not started"
 
-if [ "$failures" -ne 0 ]; then
-	echo "test_tarn_init: $failures failed"
-	exit 1
-fi
-echo "test_tarn_init: passed"
+finish

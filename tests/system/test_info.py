@@ -6,7 +6,6 @@ import contextlib
 import json
 import os
 import signal
-import struct
 import subprocess
 import threading
 import time
@@ -14,7 +13,7 @@ from concurrent.futures import ThreadPoolExecutor
 
 from tarnlab import drvproto, nsutil
 from tarnlab.show import parse_wireless_table
-from tarnsys import NBCP_PORT, udp_socket_in, wait_for
+from tarnsys import NBCP_PORT, ndsp, udp_socket_in, wait_for
 
 CACHE_AGE_S = 5
 ONE_AP = {"count": 1, "hears": "none"}
@@ -87,15 +86,8 @@ NAME_MAX, VERSION_MAX, TENANT_MAX = 31, 15, 63
 def describe(ap, mac, name, version=b"v" * VERSION_MAX, tenant=b"t" * TENANT_MAX, state=0,
              radios=4):
     """Sends `ap`'s daemon, from inside it, an answer (type 11, mode 0) for `mac`."""
-    pairs = [(0x86, b"\x01"), (0x87, b"\0"), (0x89, drvproto.mac_bytes(mac)),
-             (0x8c, bytes([state])), (0x9a, tenant), (0x8d, version), (0x8e, name),
-             (0x8f, bytes([radios]))]
-    for r in range(radios):
-        pairs += [(0x91, bytes([r])), (0x92, b"\0"), (0x93, bytes([10 + r])), (0x94, b"\0"),
-                  (0x9b, b"\0"), (0x90, b"\0")]
-    body = b"".join(struct.pack(">HH", code, len(value)) + value for code, value in pairs)
     with udp_socket_in(ap, port=0) as sock:
-        sock.sendto(bytes([0, 0, 0, 11]) + bytes(6) + body + b"\0\0", (ap.ip4, NBCP_PORT))
+        sock.sendto(ndsp(mac, name, version, tenant, state, radios), (ap.ip4, NBCP_PORT))
 
 
 def driver_hears(ap, macs):
