@@ -46,19 +46,18 @@ def driver(lab):
 
 
 def wait_rows(driver, predicate, what, timeout=REFRESH_WAIT):
-    """The page as read once `predicate(page)` holds, polled until `timeout`."""
-    last = {}
+    """The page as read once `predicate(page)` holds; what it shows if it never does."""
+    seen = [None]
 
     def check():
-        last["page"] = read_page(driver)
-        return predicate(last["page"])
+        seen[0] = read_page(driver)
+        return predicate(seen[0])
 
     try:
-        wait_for(check, timeout=timeout, what=what)
-    except AssertionError:
-        raise AssertionError(f"{what} not shown within {timeout} s; the page shows "
-                             f"{json.dumps(last.get('page'), indent=1)}") from None
-    return last["page"]
+        wait_for(check, timeout, what)
+    except AssertionError as err:
+        raise AssertionError(f"{err}; the page shows {json.dumps(seen[0], indent=1)}") from None
+    return seen[0]
 
 
 def answered_macs(page):

@@ -1,9 +1,11 @@
 """The page's CGI and the rpcd plugin as processes, under the AP's shell (busybox ash), with a
 stand-in tarn-info whose output and exit status each row chooses: the reply for every way
-tarn-info can end, its message escaped whatever it holds, and the plugin's rpcd protocol."""
+tarn-info can end, its message escaped whatever it holds, and the plugin's rpcd protocol. The
+LuCI app's menu and ACL read as JSON against the calls its view declares."""
 
 import json
 import os
+import re
 import subprocess
 
 import pytest
@@ -11,8 +13,9 @@ import pytest
 from tarnlab.web import REPO, WWW_TREE
 
 CGI = os.path.join(WWW_TREE, "cgi-bin", "tarn-neighbors")
-PLUGIN = os.path.join(REPO, "openwrt", "luci-app-tarn", "root", "usr", "libexec", "rpcd",
-                      "luci.tarn")
+APP = os.path.join(REPO, "openwrt", "luci-app-tarn")
+PLUGIN = os.path.join(APP, "root", "usr", "libexec", "rpcd", "luci.tarn")
+VIEW = os.path.join(APP, "htdocs", "luci-static", "resources", "view", "tarn", "neighbors.js")
 TABLE = '{"schema":1,"neighbors":[]}'
 NASTY = 'tarn-info: "quoted" \\ back\tslash\x01 </script>'
 ESCAPED = {"error": 'tarn-info: "quoted" \\ backslash </script>'}
@@ -84,3 +87,31 @@ def test_plugin_reply(run, args, stdout, stderr, status, exit_status, reply):
         assert result[1] == "" and "usage" in result[2]
     else:
         assert json.loads(result[1]) == reply
+
+
+def load(*path):
+    with open(os.path.join(APP, "root", "usr", "share", *path), encoding="utf-8") as handle:
+        return json.load(handle)
+
+
+def test_acl_grants_exactly_the_view_s_calls():
+    acl = load("rpcd", "acl.d", "luci-app-tarn.json")
+    read = {"ubus": {"luci.tarn": ["getNeighbors"]}}
+    write = {"ubus": {"tarn": ["add_static_neighbor", "del_static_neighbor"]}}
+    assert list(acl) == ["luci-app-tarn"]
+    role = acl["luci-app-tarn"]
+    assert role.pop("description") and role == {"read": read, "write": write}
+    with open(VIEW, encoding="utf-8") as view:
+        declared = re.findall(r"rpc\.declare\(\{\s*object:\s*'([^']+)',\s*method:\s*'([^']+)'",
+                              view.read())
+    assert set(declared) == {(obj, method) for grant in (read, write)
+                             for obj, methods in grant["ubus"].items() for method in methods}
+
+
+def test_menu_entry_under_status_opens_the_view():
+    menu = load("luci", "menu.d", "luci-app-tarn.json")
+    assert list(menu) == ["admin/status/tarn"] and menu["admin/status/tarn"]["title"]
+    entry = menu["admin/status/tarn"]
+    assert entry["action"] == {"type": "view", "path": "tarn/neighbors"}
+    assert VIEW.endswith(os.path.join("view", entry["action"]["path"] + ".js"))
+    assert os.path.isfile(VIEW) and entry["depends"] == {"acl": ["luci-app-tarn"]}

@@ -20,6 +20,7 @@ RESOURCES = os.path.join(web.REPO, "openwrt/luci-app-tarn/htdocs/luci-static/res
 LUCI_FILES = {**{"/" + name: os.path.join(HARNESS, name) for name in os.listdir(HARNESS)},
               **{f"/luci-static/resources/{name}": os.path.join(RESOURCES, name)
                  for name in ("tarn-neighbors.js", "view/tarn/neighbors.js")}}
+V4, V6 = "10.99.0.12", "fd00:99::12"
 DOWN = {"error": "tarn-info: no answer from the daemon"}
 GET_NEIGHBORS = {"object": "luci.tarn", "method": "getNeighbors", "args": {}}
 PIN = "Pin as static"
@@ -29,12 +30,13 @@ def mac(n):
     return f"02:00:00:00:00:{n:02x}"
 
 
-def neighbor(mac, name="ap", ip="10.99.0.12", ip6="fd00:99::12", state=0, learned=True,
-             static=False, radios=((6, 40, 20), (36, 30, 18)), **extra):
-    state_names = ["active", "offline", "wireless_ageing", "static_active", "static_offline"]
+def neighbor(mac, name="ap", ip=V4, ip6=V6, state=0, radios=((6, 40, 20), (36, 30, 18)),
+             **extra):
+    """An entry of tarn-info's table; `extra` adds members or replaces them."""
+    names = ["active", "offline", "wireless_ageing", "static_active", "static_offline"]
     return {
-        "mac": mac, "learned": learned, "static": static, "state": state,
-        "state_name": state_names[state] if state < len(state_names) else "unknown",
+        "mac": mac, "learned": True, "static": False, "state": state,
+        "state_name": names[state] if state < len(names) else "unknown",
         "answered": bool(name), "name": name, "version": "2.0.1" if name else "",
         "tenant": "tenant-a", "ip": ip, "ip6": ip6, "qv_ip": None,
         "cluster": {"flag": 0, "id": 0, "pvc_ip": None, "pvc_mac": "00:00:00:00:00:00"},
@@ -89,8 +91,8 @@ def show(chromium, server, status, body, interval="5"):
 
 
 @pytest.mark.parametrize("interval, status, body, poll", [
-    ("4", 200, document(), 5), ("5", 200, document(), 5), ("6", 200, document(), 6),
-    ("", 200, document(), 5), ("0.5", 200, document(), 5), ("x", 200, document(), 5),
+    *[(interval, 200, document(), poll) for interval, poll in
+      [("4", 5), ("5", 5), ("6", 6), ("", 5), ("0.5", 5), ("x", 5)]],
     # Each of these is a notice in place of the table.
     ("5", 503, DOWN, 5),
     ("6", 500, "Internal Server Error <b>trace</b>", 6),  # not JSON
@@ -106,38 +108,34 @@ def test_refresh_floor_and_notice(chromium, server, interval, status, body, poll
         assert "not answering" in (page["notice"] or "")
 
 
-def test_rows_states_sources_channels_and_unanswered_mark(chromium, server):
+def test_rows_states_sources_channels_marks_and_hostile_texts(chromium, server):
+    texts = ("name", "version", "mac", "ip", "ip6", "state_name")
     page = show(chromium, server, 200, document(
         neighbor(mac(2), "ap2"),
         neighbor(mac(3), "", ip6=None, radios=((6, 20, 0), (6, 22, 0))),
         neighbor(mac(4), "ap4", state=3, learned=False, static=True, radios=()),
         neighbor(mac(5), "ap5", state=1, static=True, static_state=4,
                  static_state_name="static_offline", radios=((11, 35, 17),)),
-        neighbor(mac(6), "ap6", state=9, radios=((36, 10, 5),))))
-    v6 = "fd00:99::12"
+        neighbor(mac(6), "ap6", state=9, radios=((36, 10, 5),)),
+        neighbor(**dict.fromkeys(texts, HOSTILE), radios=((11, 1, 1),))))
     assert [(r["mac"], r["name"], r["ip6"], r["unanswered"], r["marked"], r["state"],
              r["source"]) for r in page["rows"]] == [
-        (mac(2), "ap2", v6, False, False, "active (0)", "learned"),
+        (mac(2), "ap2", V6, False, False, "active (0)", "learned"),
         (mac(3), "—", "—", True, True, "active (0)", "learned"),
-        (mac(4), "ap4", v6, False, False, "static, answering (3)", "static"),
-        (mac(5), "ap5", v6, False, False, "offline (1); static: static, not answering (4)",
+        (mac(4), "ap4", V6, False, False, "static, answering (3)", "static"),
+        (mac(5), "ap5", V6, False, False, "offline (1); static: static, not answering (4)",
          "learned, static"),
-        (mac(6), "ap6", v6, False, False, "unknown (9)", "learned")]
+        (mac(6), "ap6", V6, False, False, "unknown (9)", "learned"),
+        (HOSTILE, HOSTILE, HOSTILE, False, False, "unknown (0)", "learned")]
+    # Texts from the network stay text: no element made of them, none shown otherwise.
+    assert (page["rows"][5]["version"], page["rows"][5]["ip"], page["foreign"]) == \
+        (HOSTILE, HOSTILE, 0)
     assert page["rows"][0]["radios"] == [
         {"index": 0, "channel": 6, "rssi": 40, "txpower": 20},
         {"index": 1, "channel": 36, "rssi": 30, "txpower": 18}]
     assert "32766" in page["hint"]
     # A neighbor counts once per channel, however many of its radios use it.
-    assert page["channels"] == {"6": 2, "11": 1, "36": 2}
-
-
-def test_network_texts_stay_text(chromium, server):
-    texts = ("name", "version", "mac", "ip", "ip6", "state_name")
-    page = show(chromium, server, 200, document(neighbor(**dict.fromkeys(texts, HOSTILE))))
-    assert page["foreign"] == 0 and len(page["rows"]) == 1
-    row = page["rows"][0]
-    assert [row[key] for key in texts[:-1]] == [HOSTILE] * 5
-    assert row["state"] == "unknown (0)"
+    assert page["channels"] == {"6": 2, "11": 2, "36": 2}
 
 
 # ----- the LuCI view -----------------------------------------------------------------------
@@ -169,10 +167,9 @@ def test_luci_view_polls_no_faster_than_five_seconds(chromium, server, pollinter
 # Each neighbor, the button its row shows and the edit (method, arguments besides the MAC)
 # that button makes; an absent address travels as no member.
 BUTTONS = [
-    (neighbor(mac(2), "ap2"), PIN, ("add_static_neighbor", {"ip": "10.99.0.12",
-                                                           "ip6": "fd00:99::12"})),
-    (neighbor(mac(3), "ap3", ip=None), PIN, ("add_static_neighbor", {"ip6": "fd00:99::12"})),
-    (neighbor(mac(4), "ap4", ip6=None), PIN, ("add_static_neighbor", {"ip": "10.99.0.12"})),
+    (neighbor(mac(2), "ap2"), PIN, ("add_static_neighbor", {"ip": V4, "ip6": V6})),
+    (neighbor(mac(3), "ap3", ip=None), PIN, ("add_static_neighbor", {"ip6": V6})),
+    (neighbor(mac(4), "ap4", ip6=None), PIN, ("add_static_neighbor", {"ip": V4})),
     (neighbor(mac(5), "", ip=None, ip6=None), None, None),  # no address: nothing to pin
     (neighbor(mac(6), "ap6", state=3, learned=False, static=True), "Unpin",
      ("del_static_neighbor", {})),

@@ -49,25 +49,19 @@ def wait_until(driver, script, what, *args, timeout=30.0):
 # notice and whether the page holds any element the network could have made.
 READ_PAGE = """
 const root = document.getElementById('tarn-neighbors');
-const text = (tr, cls) => tr.querySelector(cls).textContent;
-const rows = [...root.querySelectorAll('tr.tarn-neighbor')].map(tr => ({
-  mac: tr.dataset.mac, name: tr.querySelector('.tarn-name').firstChild.textContent,
-  ip: text(tr, '.tarn-ip'), ip6: text(tr, '.tarn-ip6'), version: text(tr, '.tarn-version'),
-  state: text(tr, '.tarn-state'), source: text(tr, '.tarn-source'),
-  unanswered: tr.classList.contains('tarn-unanswered'),
-  marked: tr.querySelector('.tarn-unanswered-mark') !== null,
-  radios: [...tr.querySelectorAll('.tarn-radio')].map(r => ({
-    index: Number(r.dataset.index), channel: Number(r.dataset.channel),
-    rssi: Number(r.dataset.rssi), txpower: Number(r.dataset.txpower)})),
-  buttons: [...tr.querySelectorAll('button')].map(b => b.textContent)
-}));
-const channels = {};
-for (const tr of root.querySelectorAll('tr.tarn-channel'))
-  channels[tr.dataset.channel] = Number(tr.dataset.count);
-const notice = root.querySelector('.tarn-notice'), hint = root.querySelector('.tarn-hint');
+const rows = [...root.querySelectorAll('tr.tarn-neighbor')].map(tr => Object.assign(
+  Object.fromEntries([...tr.cells].map(td => [td.className.replace('tarn-', ''), td.textContent])),
+  { mac: tr.dataset.mac, name: tr.querySelector('.tarn-name').firstChild.textContent,
+    unanswered: tr.classList.contains('tarn-unanswered'),
+    marked: tr.querySelector('.tarn-unanswered-mark') !== null,
+    radios: [...tr.querySelectorAll('.tarn-radio')].map(r => Object.fromEntries(
+      ['index', 'channel', 'rssi', 'txpower'].map(key => [key, Number(r.dataset[key])]))),
+    buttons: [...tr.querySelectorAll('button')].map(b => b.textContent) }));
+const text = selector => root.querySelector(selector)?.textContent ?? null;
 return {
-  rows: rows, channels: channels,
-  notice: notice ? notice.textContent : null, hint: hint ? hint.textContent : null,
+  rows: rows, notice: text('.tarn-notice'), hint: text('.tarn-hint'),
+  channels: Object.fromEntries([...root.querySelectorAll('tr.tarn-channel')].map(
+    tr => [tr.dataset.channel, Number(tr.dataset.count)])),
   empty: root.querySelector('tr.tarn-empty') !== null,
   foreign: document.querySelectorAll('img, iframe, object, embed, svg, script:not([src])').length,
   pollSeconds: Number(root.dataset.pollSeconds)
