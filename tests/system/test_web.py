@@ -126,18 +126,19 @@ def test_daemon_stop_shows_the_notice_and_errors_until_the_restart(lab, driver):
     listed = answered_macs(read_page(driver))
     assert listed
     ap1.stop_daemon()
-    shown = wait_rows(driver, lambda p: p["notice"] is not None, "the notice")
-    assert "not answering" in shown["notice"] and shown["rows"] == []
+    try:
+        shown = wait_rows(driver, lambda p: p["notice"] is not None, "the notice")
+        assert "not answering" in shown["notice"] and shown["rows"] == []
 
-    # The page has seen tarn-info fail: the CGI and the plugin answer its error.
-    status, content_type, body = fetch_cgi(driver)
-    assert (status, content_type) == (503, "application/json")
-    status, reply = run(ap1, "/bin/sh", PLUGIN, "call", "getNeighbors")
-    assert status == 0  # rpcd passes the object on only when the plugin succeeds
-    for error in (body, reply):
-        assert list(error) == ["error"] and error["error"].startswith("tarn-info: ")
-
-    ap1.start_daemon()
+        # The page has seen tarn-info fail: the CGI and the plugin answer its error.
+        status, content_type, body = fetch_cgi(driver)
+        assert (status, content_type) == (503, "application/json")
+        status, reply = run(ap1, "/bin/sh", PLUGIN, "call", "getNeighbors")
+        assert status == 0  # rpcd passes the object on only when the plugin succeeds
+        for error in (body, reply):
+            assert list(error) == ["error"] and error["error"].startswith("tarn-info: ")
+    finally:
+        ap1.start_daemon()
     wait_rows(driver, lambda p: p["notice"] is None and answered_macs(p) == listed,
               "the rows after the restart", timeout=90)
     status, content_type, body = fetch_cgi(driver)

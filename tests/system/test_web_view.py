@@ -165,12 +165,12 @@ def test_luci_view_polls_no_faster_than_five_seconds(chromium, server, pollinter
 
 
 # Each neighbor, the button its row shows and the edit (method, arguments besides the MAC)
-# that button makes; an absent address travels as no member.
+# that button makes; an absent or empty address travels as no member.
 BUTTONS = [
     (neighbor(mac(2), "ap2"), PIN, ("add_static_neighbor", {"ip": V4, "ip6": V6})),
-    (neighbor(mac(3), "ap3", ip=None), PIN, ("add_static_neighbor", {"ip6": V6})),
+    (neighbor(mac(3), "ap3", ip=""), PIN, ("add_static_neighbor", {"ip6": V6})),
     (neighbor(mac(4), "ap4", ip6=None), PIN, ("add_static_neighbor", {"ip": V4})),
-    (neighbor(mac(5), "", ip=None, ip6=None), None, None),  # no address: nothing to pin
+    (neighbor(mac(5), "", ip=None, ip6=""), None, None),  # no address: nothing to pin
     (neighbor(mac(6), "ap6", state=3, learned=False, static=True), "Unpin",
      ("del_static_neighbor", {})),
 ]
