@@ -21,6 +21,7 @@ REFRESH_WAIT = POLL + 5 + 25
 BUILD = os.environ.get("TARN_BUILD_DIR", os.path.join(REPO, "build"))
 PLUGIN = os.path.join(REPO, "openwrt", "luci-app-tarn", "root", "usr", "libexec", "rpcd",
                       "luci.tarn")
+RADIO = ("index", "channel", "rssi", "txpower")
 
 
 @pytest.fixture(scope="module")
@@ -75,9 +76,6 @@ def fetch_cgi(driver):
     return driver.execute_async_script(
         "fetch(arguments[0]).then(r => r.json().then(body => arguments[1]("
         "[r.status, r.headers.get('Content-Type'), body])))", CGI_PATH)
-
-
-RADIO = ("index", "channel", "rssi", "txpower")
 
 
 def truth(lab, listener):

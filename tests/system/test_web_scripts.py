@@ -47,46 +47,43 @@ def quote(text):
     return "'" + text.replace("'", "'\\''") + "'"
 
 
-@pytest.mark.parametrize("stdout, stderr, status, present, method, code, error", [
-    (TABLE, "", 0, True, "GET", "200 OK", None),
-    ("", NASTY + "\nsecond line", 1, True, "GET", "503 Service Unavailable", ESCAPED["error"]),
-    ("", "", 1, True, "GET", "503 Service Unavailable", "tarn-info: exited with status 1"),
-    ("", "usage: tarn-info ...", 2, True, "GET", "500 Internal Server Error",
+@pytest.mark.parametrize("stand_in, code, error", [
+    ({"stdout": TABLE}, "200 OK", None),
+    ({"stderr": NASTY + "\nsecond line", "status": 1}, "503 Service Unavailable",
+     ESCAPED["error"]),
+    ({"status": 1}, "503 Service Unavailable", "tarn-info: exited with status 1"),
+    ({"stderr": "usage: tarn-info ...", "status": 2}, "500 Internal Server Error",
      "usage: tarn-info ..."),
-    ("", "", 0, False, "GET", "500 Internal Server Error", "tarn-info: not found"),
-    (TABLE, "", 0, True, "POST", "405 Method Not Allowed", "only GET is answered"),
+    ({"present": False}, "500 Internal Server Error", ": tarn-info: not found"),
+    ({"stdout": TABLE, "method": "POST"}, "405 Method Not Allowed", "only GET is answered"),
 ])
-def test_cgi_reply(run, stdout, stderr, status, present, method, code, error):
-    exit_status, out, err = run(CGI, stdout=stdout, stderr=stderr, status=status,
-                                present=present, method=method)
+def test_cgi_reply(run, stand_in, code, error):
+    exit_status, out, err = run(CGI, **stand_in)
     assert exit_status == 0, err
     head, _, body = out.partition("\r\n\r\n")
     headers = dict(line.split(": ", 1) for line in head.split("\r\n"))
     assert (headers["Status"], headers["Content-Type"]) == (code, "application/json")
     if error is None:
         assert body == TABLE + "\n"
-    elif present:
+    elif stand_in.get("present", True):
         assert json.loads(body) == {"error": error}
-    else:  # the shell's own words, ending in the missing command's
-        assert list(json.loads(body)) == ["error"] and error in json.loads(body)["error"]
+    else:  # the shell's own words, which end in the missing command's
+        assert list(json.loads(body)) == ["error"] and json.loads(body)["error"].endswith(error)
 
 
-@pytest.mark.parametrize("args, stdout, stderr, status, exit_status, reply", [
-    (["list"], "", "", 0, 0, {"getNeighbors": {}}),
-    (["call", "getNeighbors"], TABLE, "", 0, 0, json.loads(TABLE)),
-    (["call", "getNeighbors"], "", NASTY, 1, 0, ESCAPED),
-    (["call", "getNeighbors"], "", "", 3, 0, {"error": "tarn-info: exited with status 3"}),
-    (["call", "noSuchMethod"], TABLE, "", 0, 1, {"error": "unknown method"}),
-    (["frobnicate"], TABLE, "", 0, 2, None),  # a usage line on standard error
+@pytest.mark.parametrize("args, stand_in, exit_status, reply", [
+    (["list"], {}, 0, {"getNeighbors": {}}),
+    (["call", "getNeighbors"], {"stdout": TABLE}, 0, json.loads(TABLE)),
+    (["call", "getNeighbors"], {"stderr": NASTY, "status": 1}, 0, ESCAPED),
+    (["call", "getNeighbors"], {"status": 3}, 0, {"error": "tarn-info: exited with status 3"}),
+    (["call", "noSuchMethod"], {"stdout": TABLE}, 1, {"error": "unknown method"}),
+    (["frobnicate"], {"stdout": TABLE}, 2, None),  # a usage line on standard error
 ])
-def test_plugin_reply(run, args, stdout, stderr, status, exit_status, reply):
+def test_plugin_reply(run, args, stand_in, exit_status, reply):
     assert os.access(PLUGIN, os.X_OK), "rpcd runs the plugin only when it is executable"
-    result = run(PLUGIN, *args, stdout=stdout, stderr=stderr, status=status)
-    assert result[0] == exit_status, result[2]
-    if reply is None:
-        assert result[1] == "" and "usage" in result[2]
-    else:
-        assert json.loads(result[1]) == reply
+    status, out, err = run(PLUGIN, *args, **stand_in)
+    assert status == exit_status, err
+    assert (out == "" and "usage" in err) if reply is None else json.loads(out) == reply
 
 
 def load(*path):
