@@ -127,7 +127,7 @@ def test_rows_states_sources_channels_marks_and_hostile_texts(chromium, server):
          "learned, static"),
         (mac(6), "ap6", V6, False, False, "unknown (9)", "learned"),
         (HOSTILE, HOSTILE, HOSTILE, False, False, "unknown (0)", "learned")]
-    # Texts from the network stay text: no element made of them, none shown otherwise.
+    # Texts from the network stay text: each shown as it came, no element made of them.
     assert (page["rows"][5]["version"], page["rows"][5]["ip"], page["foreign"]) == \
         (HOSTILE, HOSTILE, 0)
     assert page["rows"][0]["radios"] == [
