@@ -1,192 +1,159 @@
-"""The standalone neighbor page against a running lab: ap1 serves it (busybox httpd, its CGI
-running tarn-info) and headless Chromium inside ap1's network namespace reads it, as an
-operator's browser would on the management network."""
+"""The standalone neighbor page against one running 4-AP lab: ap1 serves it (busybox httpd, its
+CGI running tarn-info) and headless Chromium inside ap1's network namespace reads it, as an
+operator's browser would on the management network. The tests share the lab and change it in
+file order: ap4 is dropped, ap1's daemon stopped and restarted, ap2 silenced and renamed."""
 
 import json
 import os
-import socket
-import struct
-import urllib.error
-import urllib.request
 
 import pytest
 
-from tarnlab.web import CGI_PATH, PageServer
+from conftest import unique_lab_name
+from tarnlab import lab as labmod
+from tarnlab.web import CGI_PATH, REPO, PageServer
 from tarnsys import NBCP_PORT, udp_socket_in, wait_for
-from webpage import browser, read_page, wait_until
+from test_info import ndsp
+from webpage import HOSTILE, browser, load, read_page
 
 POLL = 5
 # One refresh, plus the age tarn-info's shared answer may have, plus room for a loaded machine.
 REFRESH_WAIT = POLL + 5 + 25
-HOSTILE = "<img src=x onerror=alert(1)>\n"
-BUILD = os.environ.get("TARN_BUILD_DIR", os.path.join(os.path.dirname(__file__), "..", "..",
-                                                     "build"))
+BUILD = os.environ.get("TARN_BUILD_DIR", os.path.join(REPO, "build"))
+PLUGIN = os.path.join(REPO, "openwrt", "luci-app-tarn", "root", "usr", "libexec", "rpcd",
+                      "luci.tarn")
+RADIO = ("index", "channel", "rssi", "txpower")
 
 
-@pytest.fixture(autouse=True)
-def _tarn_info():
+@pytest.fixture(scope="module")
+def lab():
     if not os.access(os.path.join(BUILD, "tarn-info"), os.X_OK):
         pytest.fail(f"no tarn-info in {BUILD}: build first")
+    lab = labmod.Lab({"count": 4, "debug": True}, name=unique_lab_name(), owner_pid=os.getpid())
+    try:
+        lab.up()
+        lab.wait_discovered(timeout=90)
+        yield lab
+    finally:
+        lab.down()
 
 
-def open_page(driver, server):
-    driver.get(server.url() + f"?interval={POLL}")
-    wait_until(driver, "const r = document.getElementById('tarn-neighbors');"
-               "return r && Number(r.dataset.refreshes) >= 1", 30, "first refresh")
-    assert read_page(driver)["pollSeconds"] == POLL
+@pytest.fixture(scope="module")
+def driver(lab):
+    """Chromium in ap1's namespace, showing ap1's page."""
+    with PageServer(lab["ap1"]) as server, \
+            browser(lab["ap1"].netns, width=1240, height=640) as driver:
+        assert load(driver, server.url() + f"?interval={POLL}")["pollSeconds"] == POLL
+        yield driver
 
 
 def wait_rows(driver, predicate, what, timeout=REFRESH_WAIT):
-    """The page as read once `predicate(page)` holds, polled until `timeout`."""
-    last = {}
+    """The page as read once `predicate(page)` holds; what it shows if it never does."""
+    seen = [None]
 
     def check():
-        last["page"] = read_page(driver)
-        return predicate(last["page"])
+        seen[0] = read_page(driver)
+        return predicate(seen[0])
 
     try:
-        wait_for(check, timeout=timeout, what=what)
-    except AssertionError:
-        raise AssertionError(f"{what} not shown within {timeout} s; the page shows "
-                             f"{json.dumps(last.get('page'), indent=1)}") from None
-    return last["page"]
+        wait_for(check, timeout, what)
+    except AssertionError as err:
+        raise AssertionError(f"{err}; the page shows {json.dumps(seen[0], indent=1)}") from None
+    return seen[0]
 
 
 def answered_macs(page):
     return {row["mac"] for row in page["rows"] if not row["unanswered"]}
 
 
-def tarn_info(ap):
-    result = ap.exec(["tarn-info", "--json"], timeout=30)
-    assert result.returncode == 0, result.stderr
-    return json.loads(result.stdout)
+def run(ap, *command):
+    """(exit status, parsed standard output) of a command run in the AP."""
+    result = ap.exec(list(command), input_text="{}", timeout=30)
+    return result.returncode, json.loads(result.stdout or "null")
 
 
-def fetch(url):
-    """(status, parsed JSON body) of a GET made from the calling thread's namespace."""
-    try:
-        with urllib.request.urlopen(url, timeout=30) as response:
-            return response.status, response.headers["Content-Type"], json.load(response)
-    except urllib.error.HTTPError as err:
-        return err.code, err.headers["Content-Type"], json.load(err)
+def fetch_cgi(driver):
+    """(status, content type, parsed body) of the CGI, fetched as the page fetches it."""
+    return driver.execute_async_script(
+        "fetch(arguments[0]).then(r => r.json().then(body => arguments[1]("
+        "[r.status, r.headers.get('Content-Type'), body])))", CGI_PATH)
 
 
-def screenshot_path():
-    os.makedirs(os.path.join(BUILD, "web"), exist_ok=True)
-    return os.path.join(BUILD, "web", "neighbor-page.png")
-
-
-def expected_rows(lab, listener):
+def truth(lab, listener):
     """What the lab's scenario says `listener` must list: each AP it hears, with its radios."""
     rows = {}
-    for hear in lab.scenario["hears"]:
-        if hear["ap"] != listener.name:
-            continue
-        heard = lab[hear["hears"]]
-        row = rows.setdefault(heard.mac, {
-            "name": heard.config["hostname"], "version": heard.config["version"],
-            "ip": heard.ip4, "ip6": heard.ip6, "radios": {}})
-        row["radios"][hear["radio"]] = (hear["channel"], hear["rssi"])
+    for hear in sorted(lab.scenario["hears"], key=lambda hear: hear["radio"]):
+        if hear["ap"] == listener.name:
+            heard = lab[hear["hears"]]
+            rows.setdefault(heard.mac, (heard.config["hostname"], heard.config["version"],
+                                        heard.ip4, heard.ip6, []))[4].append(
+                (hear["radio"], hear["channel"], hear["rssi"]))
     return rows
 
 
-def shown_rows(page):
-    return {row["mac"]: {"name": row["name"], "version": row["version"], "ip": row["ip"],
-                         "ip6": row["ip6"],
-                         "radios": {r["index"]: (r["channel"], r["rssi"]) for r in row["radios"]}}
-            for row in page["rows"]}
+def summary(entries, radio=RADIO):
+    """Page rows or tarn-info entries by MAC, keyed alike."""
+    return {entry["mac"]: (entry["name"], entry["version"], entry["ip"], entry["ip6"],
+                           [tuple(r[key] for key in radio) for r in entry["radios"]])
+            for entry in entries}
 
 
-def test_page_matches_the_lab_and_tarn_info_and_drops_a_lost_ap(make_lab):
-    lab = make_lab(4)
-    lab.wait_discovered(timeout=90)
+def test_page_matches_the_lab_tarn_info_and_plugin_and_drops_a_lost_ap(lab, driver):
+    ap1, ap4 = lab["ap1"], lab["ap4"]
+    want = truth(lab, ap1)
+    assert set(want) == {lab["ap2"].mac, lab["ap3"].mac, ap4.mac}
+    shown = wait_rows(driver, lambda p: summary(p["rows"], RADIO[:3]) == want,
+                      "the lab's ground truth")
+    status, info = run(ap1, "tarn-info", "--json")
+    assert status == 0 and summary(shown["rows"]) == summary(info["neighbors"])
+    assert all(row["source"] == "learned" and not row["unanswered"] for row in shown["rows"])
+    assert shown["channels"] == {"6": 3, "36": 3}
+    assert (shown["notice"], shown["hint"], shown["foreign"]) == (None, None, 0)
+    # Both read the same shared answer (at most 5 s old), so they agree field for field.
+    assert run(ap1, "/bin/sh", PLUGIN, "call", "getNeighbors") == (0, info)
+    os.makedirs(os.path.join(BUILD, "web"), exist_ok=True)
+    driver.save_screenshot(os.path.join(BUILD, "web", "neighbor-page.png"))
+
+    ap1.drop(ap4)
+    shown = wait_rows(driver, lambda p: {row["mac"] for row in p["rows"]} ==
+                      set(want) - {ap4.mac}, "ap4's row gone")
+    assert shown["channels"] == {"6": 2, "36": 2}
+
+
+def test_daemon_stop_shows_the_notice_and_errors_until_the_restart(lab, driver):
     ap1 = lab["ap1"]
-    with PageServer(ap1) as server, browser(ap1.netns, width=1240, height=640) as driver:
-        open_page(driver, server)
-        want = expected_rows(lab, ap1)
-        assert set(want) == {lab["ap2"].mac, lab["ap3"].mac, lab["ap4"].mac}
-        page = wait_rows(driver, lambda p: shown_rows(p) == want, "the lab's ground truth")
+    listed = answered_macs(read_page(driver))
+    assert listed
+    ap1.stop_daemon()
+    try:
+        shown = wait_rows(driver, lambda p: p["notice"] is not None, "the notice")
+        assert "not answering" in shown["notice"] and shown["rows"] == []
 
-        info = {n["mac"]: n for n in tarn_info(ap1)["neighbors"]}
-        assert set(info) == set(want)
-        for row in page["rows"]:
-            entry = info[row["mac"]]
-            assert (row["name"], row["version"], row["ip"], row["ip6"]) == \
-                (entry["name"], entry["version"], entry["ip"], entry["ip6"])
-            assert row["radios"] == [{key: radio[key] for key in ("index", "channel", "rssi",
-                                                                   "txpower")}
-                                     for radio in entry["radios"]]
-            assert row["source"] == "learned" and not row["unanswered"]
-        assert page["channels"] == {"6": 3, "36": 3}
-        assert page["notice"] is None and page["hint"] is None and page["foreign"] == 0
-        driver.save_screenshot(screenshot_path())
-
-        ap1.drop(lab["ap4"])
-        page = wait_rows(driver, lambda p: {r["mac"] for r in p["rows"]} ==
-                         {lab["ap2"].mac, lab["ap3"].mac}, "ap4's row gone")
-        assert page["channels"] == {"6": 2, "36": 2}
-
-
-def test_daemon_stop_shows_the_notice_and_the_cgi_answers_an_error(make_lab):
-    lab = make_lab(2)
-    lab.wait_discovered(timeout=60)
-    ap1, ap2 = lab["ap1"], lab["ap2"]
-    with PageServer(ap1) as server, browser(ap1.netns) as driver:
-        open_page(driver, server)
-        wait_rows(driver, lambda p: answered_macs(p) == {ap2.mac}, "ap2's row")
-
-        ap1.stop_daemon()
-        page = wait_rows(driver, lambda p: p["notice"] is not None, "the notice")
-        assert "not answering" in page["notice"] and page["rows"] == []
-
-        # The thread is in ap1's namespace while the browser runs: the CGI is reached as the
-        # page reaches it.
-        status, content_type, body = fetch(server.url(CGI_PATH))
-        assert status == 503 and content_type == "application/json"
-        assert list(body) == ["error"] and body["error"].startswith("tarn-info: ")
-
+        # The page has seen tarn-info fail: the CGI and the plugin answer its error.
+        status, content_type, body = fetch_cgi(driver)
+        assert (status, content_type) == (503, "application/json")
+        status, reply = run(ap1, "/bin/sh", PLUGIN, "call", "getNeighbors")
+        assert status == 0  # rpcd passes the object on only when the plugin succeeds
+        for error in (body, reply):
+            assert list(error) == ["error"] and error["error"].startswith("tarn-info: ")
+    finally:
         ap1.start_daemon()
-        wait_rows(driver, lambda p: p["notice"] is None and answered_macs(p) == {ap2.mac},
-                  "ap2's row after the restart", timeout=90)
-        status, content_type, body = fetch(server.url(CGI_PATH))
-        assert status == 200 and content_type == "application/json" and body["schema"] == 1
+    wait_rows(driver, lambda p: p["notice"] is None and answered_macs(p) == listed,
+              "the rows after the restart", timeout=90)
+    status, content_type, body = fetch_cgi(driver)
+    assert (status, content_type, body["schema"]) == (200, "application/json", 1)
 
 
-def ndsp(mac, name, version=b"6.6.6", tenant=b"t-hostile"):
-    """A hand-made answer (nbcp type 11) describing the AP `mac` with exact name bytes."""
-    def element(kind, value):
-        return struct.pack(">HH", kind, len(value)) + value
-    mac_bytes = bytes.fromhex(mac.replace(":", ""))
-    return b"".join([
-        bytes([0, 0, 0, 11]) + bytes(6),
-        element(0x86, b"\x01"), element(0x87, b"\x00"),
-        element(0x88, socket.inet_aton("10.99.0.12")), element(0x89, mac_bytes),
-        element(0x8C, b"\x00"), element(0x9A, tenant), element(0x8D, version),
-        element(0x8E, name), element(0x8F, b"\x02"),
-        element(0x91, b"\x00"), element(0x90, b"\x00"),
-        element(0x91, b"\x01"), element(0x90, b"\x00"),
-        b"\x00\x00"])
-
-
-def test_hostile_name_appears_literally(make_lab):
-    lab = make_lab(2)
-    lab.wait_discovered(timeout=60)
+def test_hostile_name_appears_literally(lab, driver):
     ap1, ap2 = lab["ap1"], lab["ap2"]
     # ap2 falls silent; an answer in its name, from its nbcp port, renames it in ap1's table.
     ap2.stop_daemon()
     with udp_socket_in(ap2) as sock:
-        sock.sendto(ndsp(ap2.mac, HOSTILE.encode()), (ap1.ip4, NBCP_PORT))
-    wait_for(lambda: any(n["mac"] == ap2.mac and n["name"] == HOSTILE
-                         for n in tarn_info(ap1)["neighbors"]), timeout=20,
-             what="the hostile name in tarn-info's answer")
-
-    with PageServer(ap1) as server, browser(ap1.netns) as driver:
-        open_page(driver, server)
-        page = wait_rows(driver, lambda p: [r["name"] for r in p["rows"]] == [HOSTILE],
-                         "the hostile name")
-        assert page["foreign"] == 0
-        assert driver.execute_script(
-            "return document.querySelector('.tarn-name').childNodes[0].nodeType") == 3
-        from selenium.common.exceptions import NoAlertPresentException
-        with pytest.raises(NoAlertPresentException):
-            driver.switch_to.alert.text
+        sock.sendto(ndsp(ap2.mac, HOSTILE.encode(), b"6.6.6", b"t-hostile", radios=2),
+                    (ap1.ip4, NBCP_PORT))
+    shown = wait_rows(driver, lambda p: any(row["mac"] == ap2.mac and row["name"] == HOSTILE
+                                            for row in p["rows"]), "the hostile name",
+                      timeout=REFRESH_WAIT + 20)
+    assert shown["foreign"] == 0
+    from selenium.common.exceptions import NoAlertPresentException
+    with pytest.raises(NoAlertPresentException):
+        driver.switch_to.alert.text

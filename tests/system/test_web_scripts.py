@@ -1,9 +1,11 @@
 """The page's CGI and the rpcd plugin as processes, under the AP's shell (busybox ash), with a
-stand-in tarn-info whose output and exit status each row chooses: the reply's status, type and
-JSON for every way tarn-info can end, its message escaped whatever it holds."""
+stand-in tarn-info whose output and exit status each row chooses: the reply for every way
+tarn-info can end, its message escaped whatever it holds, and the plugin's rpcd protocol. The
+LuCI app's menu and ACL read as JSON against the calls its view declares."""
 
 import json
 import os
+import re
 import subprocess
 
 import pytest
@@ -11,88 +13,102 @@ import pytest
 from tarnlab.web import REPO, WWW_TREE
 
 CGI = os.path.join(WWW_TREE, "cgi-bin", "tarn-neighbors")
-PLUGIN = os.path.join(REPO, "openwrt", "luci-app-tarn", "root", "usr", "libexec", "rpcd",
-                      "luci.tarn")
+APP = os.path.join(REPO, "openwrt", "luci-app-tarn")
+PLUGIN = os.path.join(APP, "root", "usr", "libexec", "rpcd", "luci.tarn")
+VIEW = os.path.join(APP, "htdocs", "luci-static", "resources", "view", "tarn", "neighbors.js")
 TABLE = '{"schema":1,"neighbors":[]}'
 NASTY = 'tarn-info: "quoted" \\ back\tslash\x01 </script>'
+ESCAPED = {"error": 'tarn-info: "quoted" \\ backslash </script>'}
 
 
 @pytest.fixture
-def stand_in(tmp_path):
-    """Writes a tarn-info that prints `stdout`/`stderr` and exits `status`; returns a PATH
-    holding it and busybox's tools only."""
-    bin_dir = tmp_path / "bin"
-    bin_dir.mkdir()
+def run(tmp_path):
+    """run(script, *args, stdout=, stderr=, status=, present=, method=): the script run under
+    busybox with a PATH of busybox's tools and, if `present`, a tarn-info that prints
+    `stdout`/`stderr` and exits `status`."""
     for tool in ("head", "tr", "sed", "mktemp", "rm", "cat"):
-        os.symlink("/bin/busybox", bin_dir / tool)
+        os.symlink("/bin/busybox", tmp_path / tool)
 
-    def make(stdout="", stderr="", status=0, present=True):
+    def run_script(script, *args, stdout="", stderr="", status=0, present=True, method="GET"):
         if present:
-            script = bin_dir / "tarn-info"
-            script.write_text("#!/bin/busybox sh\n"
-                              f"printf '%s' {shell_quote(stdout)}\n"
-                              f"printf '%s' {shell_quote(stderr)} >&2\n"
-                              f"exit {status}\n")
-            script.chmod(0o755)
-        return str(bin_dir)
-    return make
+            (tmp_path / "tarn-info").write_text(
+                f"#!/bin/busybox sh\nprintf '%s' {quote(stdout)}\n"
+                f"printf '%s' {quote(stderr)} >&2\nexit {status}\n")
+            (tmp_path / "tarn-info").chmod(0o755)
+        # Bytes, decoded here: text mode would turn the CGI's CRLF into LF.
+        result = subprocess.run(["/bin/busybox", "sh", script, *args], capture_output=True,
+                                env={"PATH": str(tmp_path), "REQUEST_METHOD": method,
+                                     "TMPDIR": "/tmp"}, timeout=30, stdin=subprocess.DEVNULL)
+        return result.returncode, result.stdout.decode(), result.stderr.decode()
+    return run_script
 
 
-def shell_quote(text):
+def quote(text):
     return "'" + text.replace("'", "'\\''") + "'"
 
 
-def run(script, path, *args, method="GET"):
-    env = {"PATH": path, "REQUEST_METHOD": method, "TMPDIR": "/tmp"}
-    # Bytes, decoded here: text mode would turn the CGI's CRLF into LF.
-    result = subprocess.run(["/bin/busybox", "sh", script, *args], env=env, capture_output=True,
-                            timeout=30, stdin=subprocess.DEVNULL)
-    return subprocess.CompletedProcess(result.args, result.returncode,
-                                       result.stdout.decode(), result.stderr.decode())
-
-
-def cgi_reply(text):
-    head, _, body = text.partition("\r\n\r\n")
-    headers = dict(line.split(": ", 1) for line in head.split("\r\n"))
-    return headers, body
-
-
-@pytest.mark.parametrize("stdout, stderr, status, present, method, code, error", [
-    (TABLE, "", 0, True, "GET", "200 OK", None),
-    ("", NASTY + "\nsecond line", 1, True, "GET", "503 Service Unavailable",
-     'tarn-info: "quoted" \\ backslash </script>'),
-    ("", "", 1, True, "GET", "503 Service Unavailable", "tarn-info: exited with status 1"),
-    ("", "usage: tarn-info ...", 2, True, "GET", "500 Internal Server Error",
+@pytest.mark.parametrize("stand_in, code, error", [
+    ({"stdout": TABLE}, "200 OK", None),
+    ({"stderr": NASTY + "\nsecond line", "status": 1}, "503 Service Unavailable",
+     ESCAPED["error"]),
+    ({"status": 1}, "503 Service Unavailable", "tarn-info: exited with status 1"),
+    ({"stderr": "usage: tarn-info ...", "status": 2}, "500 Internal Server Error",
      "usage: tarn-info ..."),
-    ("", "", 0, False, "GET", "500 Internal Server Error", None),  # no tarn-info at all
-    (TABLE, "", 0, True, "POST", "405 Method Not Allowed", "only GET is answered"),
+    ({"present": False}, "500 Internal Server Error", ": tarn-info: not found"),
+    ({"stdout": TABLE, "method": "POST"}, "405 Method Not Allowed", "only GET is answered"),
 ])
-def test_cgi_reply(stand_in, stdout, stderr, status, present, method, code, error):
-    result = run(CGI, stand_in(stdout, stderr, status, present), method=method)
-    assert result.returncode == 0, result.stderr
-    headers, body = cgi_reply(result.stdout)
-    assert headers["Status"] == code
-    assert headers["Content-Type"] == "application/json"
-    reply = json.loads(body)
-    if code == "200 OK":
+def test_cgi_reply(run, stand_in, code, error):
+    exit_status, out, err = run(CGI, **stand_in)
+    assert exit_status == 0, err
+    head, _, body = out.partition("\r\n\r\n")
+    headers = dict(line.split(": ", 1) for line in head.split("\r\n"))
+    assert (headers["Status"], headers["Content-Type"]) == (code, "application/json")
+    if error is None:
         assert body == TABLE + "\n"
-    elif error is None:
-        assert list(reply) == ["error"] and reply["error"]
-    else:
-        assert reply == {"error": error}
+    elif stand_in.get("present", True):
+        assert json.loads(body) == {"error": error}
+    else:  # the shell's own words, which end in the missing command's
+        assert list(json.loads(body)) == ["error"] and json.loads(body)["error"].endswith(error)
 
 
-@pytest.mark.parametrize("stdout, stderr, status, reply", [
-    (TABLE, "", 0, json.loads(TABLE)),
-    ("", NASTY, 1, {"error": 'tarn-info: "quoted" \\ backslash </script>'}),
-    ("", "", 3, {"error": "tarn-info: exited with status 3"}),
+@pytest.mark.parametrize("args, stand_in, exit_status, reply", [
+    (["list"], {}, 0, {"getNeighbors": {}}),
+    (["call", "getNeighbors"], {"stdout": TABLE}, 0, json.loads(TABLE)),
+    (["call", "getNeighbors"], {"stderr": NASTY, "status": 1}, 0, ESCAPED),
+    (["call", "getNeighbors"], {"status": 3}, 0, {"error": "tarn-info: exited with status 3"}),
+    (["call", "noSuchMethod"], {"stdout": TABLE}, 1, {"error": "unknown method"}),
+    (["frobnicate"], {"stdout": TABLE}, 2, None),  # a usage line on standard error
 ])
-def test_plugin_call_reply(stand_in, stdout, stderr, status, reply):
-    result = run(PLUGIN, stand_in(stdout, stderr, status), "call", "getNeighbors")
-    assert result.returncode == 0, result.stderr
-    assert json.loads(result.stdout) == reply
+def test_plugin_reply(run, args, stand_in, exit_status, reply):
+    assert os.access(PLUGIN, os.X_OK), "rpcd runs the plugin only when it is executable"
+    status, out, err = run(PLUGIN, *args, **stand_in)
+    assert status == exit_status, err
+    assert (out == "" and "usage" in err) if reply is None else json.loads(out) == reply
 
 
-def test_plugin_usage(stand_in):
-    result = run(PLUGIN, stand_in(), "frobnicate")
-    assert result.returncode == 2 and result.stdout == "" and "usage" in result.stderr
+def load(*path):
+    with open(os.path.join(APP, "root", "usr", "share", *path), encoding="utf-8") as handle:
+        return json.load(handle)
+
+
+def test_acl_grants_exactly_the_view_s_calls():
+    acl = load("rpcd", "acl.d", "luci-app-tarn.json")
+    read = {"ubus": {"luci.tarn": ["getNeighbors"]}}
+    write = {"ubus": {"tarn": ["add_static_neighbor", "del_static_neighbor"]}}
+    assert list(acl) == ["luci-app-tarn"]
+    role = acl["luci-app-tarn"]
+    assert role.pop("description") and role == {"read": read, "write": write}
+    with open(VIEW, encoding="utf-8") as view:
+        declared = re.findall(r"rpc\.declare\(\{\s*object:\s*'([^']+)',\s*method:\s*'([^']+)'",
+                              view.read())
+    assert set(declared) == {(obj, method) for grant in (read, write)
+                             for obj, methods in grant["ubus"].items() for method in methods}
+
+
+def test_menu_entry_under_status_opens_the_view():
+    menu = load("luci", "menu.d", "luci-app-tarn.json")
+    assert list(menu) == ["admin/status/tarn"] and menu["admin/status/tarn"]["title"]
+    entry = menu["admin/status/tarn"]
+    assert entry["action"] == {"type": "view", "path": "tarn/neighbors"}
+    assert VIEW.endswith(os.path.join("view", entry["action"]["path"] + ".js"))
+    assert os.path.isfile(VIEW) and entry["depends"] == {"acl": ["luci-app-tarn"]}

@@ -1,44 +1,24 @@
 """Helpers of the page tests: headless Chromium (Debian's chromium, chromium-driver and
-python3-selenium), optionally inside a lab AP's network namespace, and a local server that
-serves the page's files with a chosen answer in place of the CGI."""
+python3-selenium), optionally inside a lab AP's network namespace, and what the page shows."""
 
 import contextlib
-import http.server
-import json
-import os
 import shutil
 import tempfile
-import threading
-import time
 
-from tarnlab import nsutil, web
+import pytest
 
-CHROMEDRIVER = "/usr/bin/chromedriver"
-HARNESS_DIR = os.path.join(os.path.dirname(os.path.abspath(__file__)), "web")
-LUCI_RESOURCES = os.path.join(web.REPO, "openwrt", "luci-app-tarn", "htdocs", "luci-static",
-                              "resources")
-# The LuCI harness and the files LuCI's loader would fetch, as the test server lays them out.
-LUCI_FILES = {
-    "/luci-harness.html": os.path.join(HARNESS_DIR, "luci-harness.html"),
-    "/luci-harness.js": os.path.join(HARNESS_DIR, "luci-harness.js"),
-    "/luci-static/resources/tarn-neighbors.js": os.path.join(LUCI_RESOURCES,
-                                                             "tarn-neighbors.js"),
-    "/luci-static/resources/view/tarn/neighbors.js": os.path.join(LUCI_RESOURCES, "view",
-                                                                  "tarn", "neighbors.js"),
-}
+from tarnlab import nsutil
+from tarnsys import wait_for
 
-
-def selenium_or_skip():
-    import pytest
-    return pytest.importorskip("selenium", reason="python3-selenium is not installed "
-                               "(scripts/install-deps.sh installs it)")
+HOSTILE = "<img src=x onerror=alert(1)>\n"
 
 
 @contextlib.contextmanager
 def browser(netns=None, width=1400, height=900):
     """A headless Chromium session; with `netns` the driver and the browser run in that
     network namespace (the thread stays there until the session ends)."""
-    selenium_or_skip()
+    pytest.importorskip("selenium", reason="python3-selenium is not installed "
+                        "(scripts/install-deps.sh installs it)")
     from selenium import webdriver
     from selenium.webdriver.chrome.service import Service
 
@@ -48,10 +28,9 @@ def browser(netns=None, width=1400, height=900):
                 "--disable-extensions", f"--user-data-dir={profile}",
                 f"--window-size={width},{height}"):
         options.add_argument(arg)
-    entered = nsutil.netns_entered(netns) if netns else contextlib.nullcontext()
     try:
-        with entered:
-            driver = webdriver.Chrome(service=Service(CHROMEDRIVER), options=options)
+        with nsutil.netns_entered(netns) if netns else contextlib.nullcontext():
+            driver = webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
             driver.set_script_timeout(30)
             try:
                 yield driver
@@ -61,50 +40,31 @@ def browser(netns=None, width=1400, height=900):
         shutil.rmtree(profile, ignore_errors=True)
 
 
-def wait_until(driver, script, timeout=30.0, what=None, *args):
+def wait_until(driver, script, what, *args, timeout=30.0):
     """The first truthy value of a page expression (JavaScript returning a value)."""
-    deadline = time.monotonic() + timeout
-    while True:
-        value = driver.execute_script(script, *args)
-        if value:
-            return value
-        if time.monotonic() > deadline:
-            raise AssertionError(f"{what or script} not reached within {timeout} s")
-        time.sleep(0.2)
+    return wait_for(lambda: driver.execute_script(script, *args), timeout, what)
 
 
 # What the page shows, read in one call: one entry per table row, the channel counts, the
 # notice and whether the page holds any element the network could have made.
 READ_PAGE = """
 const root = document.getElementById('tarn-neighbors');
-const rows = [...root.querySelectorAll('tr.tarn-neighbor')].map(tr => ({
-  mac: tr.dataset.mac,
-  name: tr.querySelector('.tarn-name').firstChild.textContent,
-  ip: tr.querySelector('.tarn-ip').textContent,
-  ip6: tr.querySelector('.tarn-ip6').textContent,
-  version: tr.querySelector('.tarn-version').textContent,
-  state: tr.querySelector('.tarn-state').textContent,
-  source: tr.querySelector('.tarn-source').textContent,
-  unanswered: tr.classList.contains('tarn-unanswered'),
-  marked: tr.querySelector('.tarn-unanswered-mark') !== null,
-  radios: [...tr.querySelectorAll('.tarn-radio')].map(r => ({
-    index: Number(r.dataset.index), channel: Number(r.dataset.channel),
-    rssi: Number(r.dataset.rssi), txpower: Number(r.dataset.txpower)})),
-  buttons: [...tr.querySelectorAll('button')].map(b => b.textContent)
-}));
-const channels = {};
-for (const tr of root.querySelectorAll('tr.tarn-channel'))
-  channels[tr.dataset.channel] = Number(tr.dataset.count);
-const notice = root.querySelector('.tarn-notice');
-const hint = root.querySelector('.tarn-hint');
+const rows = [...root.querySelectorAll('tr.tarn-neighbor')].map(tr => Object.assign(
+  Object.fromEntries([...tr.cells].map(td => [td.className.replace('tarn-', ''), td.textContent])),
+  { mac: tr.dataset.mac, name: tr.querySelector('.tarn-name').firstChild.textContent,
+    unanswered: tr.classList.contains('tarn-unanswered'),
+    marked: tr.querySelector('.tarn-unanswered-mark') !== null,
+    radios: [...tr.querySelectorAll('.tarn-radio')].map(r => Object.fromEntries(
+      ['index', 'channel', 'rssi', 'txpower'].map(key => [key, Number(r.dataset[key])]))),
+    buttons: [...tr.querySelectorAll('button')].map(b => b.textContent) }));
+const text = selector => root.querySelector(selector)?.textContent ?? null;
 return {
-  rows: rows, channels: channels,
-  notice: notice ? notice.textContent : null,
-  hint: hint ? hint.textContent : null,
+  rows: rows, notice: text('.tarn-notice'), hint: text('.tarn-hint'),
+  channels: Object.fromEntries([...root.querySelectorAll('tr.tarn-channel')].map(
+    tr => [tr.dataset.channel, Number(tr.dataset.count)])),
   empty: root.querySelector('tr.tarn-empty') !== null,
   foreign: document.querySelectorAll('img, iframe, object, embed, svg, script:not([src])').length,
-  pollSeconds: Number(root.dataset.pollSeconds),
-  refreshes: Number(root.dataset.refreshes || 0)
+  pollSeconds: Number(root.dataset.pollSeconds)
 };
 """
 
@@ -113,44 +73,9 @@ def read_page(driver):
     return driver.execute_script(READ_PAGE)
 
 
-class FixtureServer:
-    """The page's files on 127.0.0.1, with `answer` (status, body) in place of the CGI."""
-
-    def __init__(self, extra=None):
-        self.root = web.assemble(tempfile.mkdtemp(prefix="tarn-www-"), extra)
-        self.answer = (503, json.dumps({"error": "tarn-info: no answer from the daemon"}))
-        server = self
-
-        class Handler(http.server.SimpleHTTPRequestHandler):
-            def __init__(self, *args, **kwargs):
-                super().__init__(*args, directory=server.root, **kwargs)
-
-            def do_GET(self):
-                if self.path.split("?")[0] != web.CGI_PATH:
-                    return super().do_GET()
-                status, body = server.answer
-                data = body.encode() if isinstance(body, str) else body
-                self.send_response(status)
-                self.send_header("Content-Type", "application/json")
-                self.send_header("Content-Length", str(len(data)))
-                self.end_headers()
-                self.wfile.write(data)
-                return None
-
-            def log_message(self, *args):
-                pass
-
-        self.httpd = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
-        self.thread = threading.Thread(target=self.httpd.serve_forever, daemon=True)
-
-    def url(self, path):
-        return f"http://127.0.0.1:{self.httpd.server_address[1]}{path}"
-
-    def __enter__(self):
-        self.thread.start()
-        return self
-
-    def __exit__(self, *exc):
-        self.httpd.shutdown()
-        self.httpd.server_close()
-        shutil.rmtree(self.root, ignore_errors=True)
+def load(driver, url):
+    """What the standalone page at `url` shows once its first refresh is done."""
+    driver.get(url)
+    wait_until(driver, "const r = document.getElementById('tarn-neighbors');"
+               "return r && Number(r.dataset.refreshes) >= 1", "first refresh")
+    return read_page(driver)
