@@ -11,8 +11,7 @@ import pytest
 from conftest import unique_lab_name
 from tarnlab import lab as labmod
 from tarnlab.web import CGI_PATH, REPO, PageServer
-from tarnsys import NBCP_PORT, udp_socket_in, wait_for
-from test_info import ndsp
+from tarnsys import NBCP_PORT, ndsp, udp_socket_in, wait_for
 from webpage import HOSTILE, browser, load, read_page
 
 POLL = 5
