@@ -80,16 +80,13 @@ struct udp_pair {
     explicit udp_pair(int family = AF_INET)
         : rx(socket(family, SOCK_DGRAM | SOCK_CLOEXEC, 0)),
           peer(socket(family, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+        rx_addr.ss_family = static_cast<sa_family_t>(family);
         if (family == AF_INET) {
-            auto &v4 = reinterpret_cast<sockaddr_in &>(rx_addr);
-            v4 = sockaddr_in{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-            rx_len = sizeof v4;
+            reinterpret_cast<sockaddr_in &>(rx_addr).sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         } else {
-            auto &v6 = reinterpret_cast<sockaddr_in6 &>(rx_addr);
-            v6.sin6_family = AF_INET6;
-            v6.sin6_addr = in6addr_loopback;
-            rx_len = sizeof v6;
+            reinterpret_cast<sockaddr_in6 &>(rx_addr).sin6_addr = in6addr_loopback;
         }
+        rx_len = family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6);
         bind(rx, reinterpret_cast<sockaddr *>(&rx_addr), rx_len);
         getsockname(rx, reinterpret_cast<sockaddr *>(&rx_addr), &rx_len);
     }
@@ -127,7 +124,7 @@ struct answer_case {
     uint8_t mode;
     uint32_t qv_ip;     // the answer's management address
     const char *entry;  // entry A afterwards, or "unchanged"
-    const char *node;   // static node A afterwards, or "unchanged"
+    std::string node;   // static node A afterwards, or "unchanged"
     int family = AF_INET;
 };
 
@@ -179,36 +176,30 @@ TEST_P(Answer, UpdatesTheEntryOrTheStaticNode) {
 }
 
 constexpr uint32_t QV = 0xC0A80064;  // 192.168.0.100
+// Entry A after a dynamic answer, and the end of static node A after a static answer.
+const char *const UPDATED =
+    "100 0 ip 700000a ip6 2001:db8::7 qv 6400a8c0 pvc 101000a/00/55 "
+    "cluster 7/1 [tenant-1 5.1 ap-b] state 0 radios 2: 0/36/19/41/1 "
+    "1/149/23/52/2";
+const std::string ACTIVE =
+    " pvc 0/00/00 cluster 7/0 [tenant-1 5.1 ap-b] state 3 radios 0: "
+    "0/0/0/0/0 0/0/0/0/0";
 
 INSTANTIATE_TEST_SUITE_P(
     Answers, Answer,
-    testing::Values(
-        answer_case{"dynamic", A, 0, QV,
-                    "100 0 ip 700000a ip6 2001:db8::7 qv 6400a8c0 pvc 101000a/00/55 cluster 7/1 "
-                    "[tenant-1 5.1 ap-b] state 0 radios 2: 0/36/19/41/1 1/149/23/52/2",
-                    "unchanged"},
-        answer_case{"dynamic, mode 2", A, 2, QV,
-                    "100 0 ip 700000a ip6 2001:db8::7 qv 6400a8c0 pvc 101000a/00/55 cluster 7/1 "
-                    "[tenant-1 5.1 ap-b] state 0 radios 2: 0/36/19/41/1 1/149/23/52/2",
-                    "unchanged"},
-        answer_case{"static, mode 255", A, 255, QV, "unchanged",
-                    "ip 100007f ip6 2001:db8::55 qv 6400a8c0 pvc 0/00/00 cluster 7/0 "
-                    "[tenant-1 5.1 ap-b] state 3 radios 0: 0/0/0/0/0 0/0/0/0/0"},
-        // Over IPv6 the source address goes to ip6 and the IPv4 address stays.
-        answer_case{"static over IPv6", A, 3, QV, "unchanged",
-                    "ip 505000a ip6 ::1 qv 6400a8c0 pvc 0/00/00 cluster 7/0 "
-                    "[tenant-1 5.1 ap-b] state 3 radios 0: 0/0/0/0/0 0/0/0/0/0",
-                    AF_INET6},
-        answer_case{"dynamic over IPv6", A, 1, QV,
-                    "100 0 ip 700000a ip6 2001:db8::7 qv 6400a8c0 pvc 101000a/00/55 cluster 7/1 "
-                    "[tenant-1 5.1 ap-b] state 0 radios 2: 0/36/19/41/1 1/149/23/52/2",
-                    "unchanged", AF_INET6},
-        // An answer without a management address keeps the known one.
-        answer_case{"static, no management address", A, 3, 0, "unchanged",
-                    "ip 100007f ip6 2001:db8::55 qv 1010101 pvc 0/00/00 cluster 7/0 "
-                    "[tenant-1 5.1 ap-b] state 3 radios 0: 0/0/0/0/0 0/0/0/0/0"},
-        answer_case{"dynamic from an unknown AP", B, 0, QV, "unchanged", "unchanged"},
-        answer_case{"static from an unlisted AP", B, 3, QV, "unchanged", "unchanged"}));
+    testing::Values(answer_case{"dynamic", A, 0, QV, UPDATED, "unchanged"},
+                    answer_case{"dynamic, mode 2", A, 2, QV, UPDATED, "unchanged"},
+                    answer_case{"dynamic over IPv6", A, 1, QV, UPDATED, "unchanged", AF_INET6},
+                    answer_case{"static, mode 255", A, 255, QV, "unchanged",
+                                "ip 100007f ip6 2001:db8::55 qv 6400a8c0" + ACTIVE},
+                    // Over IPv6 the source address goes to ip6 and the IPv4 address stays.
+                    answer_case{"static over IPv6", A, 3, QV, "unchanged",
+                                "ip 505000a ip6 ::1 qv 6400a8c0" + ACTIVE, AF_INET6},
+                    // An answer without a management address keeps the known one.
+                    answer_case{"static, no management address", A, 3, 0, "unchanged",
+                                "ip 100007f ip6 2001:db8::55 qv 1010101" + ACTIVE},
+                    answer_case{"dynamic from an unknown AP", B, 0, QV, "unchanged", "unchanged"},
+                    answer_case{"static from an unlisted AP", B, 3, QV, "unchanged", "unchanged"}));
 
 // A probe of this mode from an AP at ip (host order) with this MAC.
 bytes probe_of(uint8_t mode, uint32_t ip, const mac_addr &m) {

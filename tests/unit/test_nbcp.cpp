@@ -202,41 +202,28 @@ tlv_bytes answer_with_radios(uint8_t count, bool whole) {
 // about their lengths; the answer parser keeps its fields in step and never reads past the end.
 TEST(NbcpParse, HostileAnswers) {
     const std::string none = " 0/0 0/0 0/0 0/0";
-    const struct {
-        const char *name;
+    // Texts at their fields' capacity less one (name 31, version 15, tenant 63), and one more,
+    // which is cut there; the element after them is read.
+    auto texts = [](size_t extra) {
+        return tlv_bytes::answer()
+            .str(142, std::string(31 + extra, 'n'))
+            .str(141, std::string(15 + extra, 'v'))
+            .str(154, std::string(63 + extra, 't'))
+            .u8(135, 7)
+            .end()
+            .get();
+    };
+    const std::string texts_kept = "mode 7 ip 0 state 0 name [" + std::string(31, 'n') +
+                                   "] version [" + std::string(15, 'v') + "] radios 0 tenant [" +
+                                   std::string(63, 't') + "]" + none;
+    struct hostile_case {
+        std::string name;
         bytes datagram;
         std::string expected;
-    } cases[] = {
-        {"four whole radios: all kept", answer_with_radios(4, true).end().get(),
-         "mode 2 ip 0 state 0 name [before] version [v2] radios 4 1/31 2/32 3/33 4/34"},
-        {"five whole radios: four kept, count stored, what follows read",
-         answer_with_radios(5, true).end().get(),
-         "mode 2 ip 0 state 0 name [before] version [v2] radios 5 1/31 2/32 3/33 4/34"},
-        {"four short radios: all kept", answer_with_radios(4, false).end().get(),
-         "mode 2 ip 0 state 0 name [before] version [v2] radios 4 1/31 2/32 3/33 4/34"},
-        {"five short radios: four kept", answer_with_radios(5, false).end().get(),
-         "mode 2 ip 0 state 0 name [before] version [v2] radios 5 1/31 2/32 3/33 4/34"},
-        // Texts at their fields' capacity less one (name 31, version 15, tenant 63), and one
-        // more, which is cut there.
-        {"texts that fit",
-         tlv_bytes::answer()
-             .str(142, std::string(31, 'n'))
-             .str(141, std::string(15, 'v'))
-             .str(154, std::string(63, 't'))
-             .end()
-             .get(),
-         "mode 0 ip 0 state 0 name [" + std::string(31, 'n') + "] version [" +
-             std::string(15, 'v') + "] radios 0 tenant [" + std::string(63, 't') + "]" + none},
-        {"texts one too long",
-         tlv_bytes::answer()
-             .str(142, std::string(32, 'n'))
-             .str(141, std::string(16, 'v'))
-             .str(154, std::string(64, 't'))
-             .u8(135, 7)
-             .end()
-             .get(),
-         "mode 7 ip 0 state 0 name [" + std::string(31, 'n') + "] version [" +
-             std::string(15, 'v') + "] radios 0 tenant [" + std::string(63, 't') + "]" + none},
+    };
+    std::vector<hostile_case> cases = {
+        {"texts that fit", texts(0), texts_kept},
+        {"texts one too long", texts(1), texts_kept},
         {"string longer than the datagram", tlv_bytes::answer().el_len(142, 9000, {'a', 'b'}).get(),
          "mode 0 ip 0 state 0 name [ab] version [] radios 0" + none},
         {"fixed-width elements ignore their length field",
@@ -252,6 +239,16 @@ TEST(NbcpParse, HostileAnswers) {
          tlv_bytes::answer().filler(0x7777, 1004).u8(135, 9).end().get(),
          "mode 0 ip 0 state 0 name [] version [] radios 0" + none},
     };
+    // Four radios, whole or only id and channel, are all kept; of five, four are kept, the
+    // count is stored and what follows is read.
+    for (uint8_t count : {4, 5}) {
+        for (bool whole : {true, false}) {
+            cases.push_back({std::to_string(count) + (whole ? " whole" : " short") + " radios",
+                             answer_with_radios(count, whole).end().get(),
+                             "mode 2 ip 0 state 0 name [before] version [v2] radios " +
+                                 std::to_string(count) + " 1/31 2/32 3/33 4/34"});
+        }
+    }
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         std::unique_ptr<nbcp_msg> msg(new nbcp_msg());  // value-initialised: all bytes zero
@@ -291,25 +288,29 @@ TEST(NbcpListRead, HostileLists) {
         }
         return t.filler(99, 300).u8(60, 0).u32(6, 2).u8(60, 0).end().get();
     };
-    const struct {
-        const char *name;
+    struct list_case {
+        std::string name;
         bytes reply;
         size_t capacity;
         size_t expected;
         uint32_t last_ip;            // ip of the last entry counted
         uint8_t fourth_channel = 0;  // of the first entry's fourth radio
-    } cases[] = {
+    };
+    std::vector<list_case> cases = {
         {"capacity below the count", build_list(10), 3, 3, 0x0A000002},
         // The client's 67 entries: a list of 67 fills them, one of 68 stops at them.
         {"count at the capacity", build_list(67), 67, 67, 0x0A000042},
         {"count one past the capacity", build_list(68), 67, 67, 0x0A000042},
         {"walk ends at 12000 bytes: entry 115 is not finished", build_list(130), 200, 115,
          0x0A000072},
-        {"four whole radios and an unknown code", with_radios(4, true), 8, 2, 2, 39},
-        {"five whole radios and an unknown code", with_radios(5, true), 8, 2, 2, 39},
-        {"four short radios", with_radios(4, false), 8, 2, 2, 39},
-        {"five short radios", with_radios(5, false), 8, 2, 2, 39},
     };
+    for (uint8_t count : {4, 5}) {
+        for (bool whole : {true, false}) {
+            cases.push_back({std::to_string(count) + (whole ? " whole" : " short") +
+                                 " radios and an unknown code",
+                             with_radios(count, whole), 8, 2, 2, 39});
+        }
+    }
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         std::unique_ptr<ap_info[]> entries(new ap_info[c.capacity]());

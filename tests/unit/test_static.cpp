@@ -167,11 +167,36 @@ INSTANTIATE_TEST_SUITE_P(
                    },
                    "0 -1 [00:00:00:00:00:01] 00:00:00:00:00:02"}));
 
+// A file whose entry i (from 1) has the MAC 0:0:0:0:0:i and, when given, the i-th address.
+std::string numbered_file(const std::vector<const char *> &ips) {
+    std::string text = R"({"static_neighbor": [)";
+    for (size_t i = 0; i < ips.size(); ++i) {
+        text += std::string(i > 0 ? ", " : "") + R"({"mac": "0:0:0:0:0:)" + num(int(i) + 1) + "\"" +
+                (ips[i] != nullptr ? std::string(R"(, "ip": ")") + ips[i] + "\"" : "") + "}";
+    }
+    return text + "]}";
+}
+
+// The list of nodes mac_n(i) for each i in order, all at the address `ip`.
+std::string listed(std::initializer_list<int> order, const char *ip = "0.0.0.0") {
+    std::string text;
+    for (int i : order) {
+        text += (text.empty() ? "" : "; ") + mac_n(i) + " " + ip + " :: 4";
+    }
+    return text;
+}
+
+// A readable file of 1 MiB, and `extra` bytes more.
+std::string mib_file(size_t extra) {
+    std::string text = R"({"static_neighbor": [{"mac": "0:0:0:0:0:5"}]})";
+    return text + std::string((1u << 20) + extra - text.size(), ' ');
+}
+
 // Loading the file: each case starts from a list of one node, 02:00:00:00:00:99.
 struct load_case {
     const char *name;
-    const char *file;  // nullptr: no file at all
-    const char *seen;  // "<result> | <list>"
+    std::string file;  // empty: no file at all
+    std::string seen;  // "<result> | <list>"
 };
 
 class LoadFile : public testing::TestWithParam<load_case> {};
@@ -181,16 +206,10 @@ TEST_P(LoadFile, GivesResultAndList) {
     const load_case c = GetParam();
     std::string seen = static_env::run([&c] {
         static_mac_add("02:00:00:00:00:99", nullptr, nullptr);
-        if (c.file != nullptr) {
+        if (!c.file.empty()) {
             static_env::write_conf(c.file);
         }
-        std::string name = c.name;
-        if (name.rfind("file of 1 MiB", 0) == 0) {
-            std::string text = R"({"static_neighbor": [{"mac": "0:0:0:0:0:5"}]})";
-            size_t size = (1u << 20) + (name.size() > 13 ? 1 : 0);
-            static_env::write_conf(text + std::string(size - text.size(), ' '));
-        }
-        std::string result = num(load_static_neighbor());
+        std::string result = num(load_static_neighbor());  // before the list is read
         return result + " | " + list_text();
     });
     EXPECT_EQ(seen, c.seen) << c.name;
@@ -199,7 +218,7 @@ TEST_P(LoadFile, GivesResultAndList) {
 INSTANTIATE_TEST_SUITE_P(
     Files, LoadFile,
     testing::Values(
-        load_case{"missing file", nullptr, "0 | 02:00:00:00:00:99 0.0.0.0 :: 4"},
+        load_case{"missing file", "", "0 | 02:00:00:00:00:99 0.0.0.0 :: 4"},
         load_case{"not json", "static_neighbor", "-1 | "},
         load_case{"members that are not strings count as absent",
                   R"({"static_neighbor": [{"mac": 12, "ip": true, "ip6": null}, 5]})",
@@ -211,15 +230,10 @@ INSTANTIATE_TEST_SUITE_P(
                   "0 | 23:ff:00:03:00:00 0.0.0.0 :: 4"},
         load_case{"seven MAC groups skipped",
                   R"({"static_neighbor": [{"mac": "1:2:3:4:5:6:7"}, {"mac": "0:0:0:0:0:2"}]})",
-                  "0 | 00:00:00:00:00:02 0.0.0.0 :: 4"},
-        load_case{"long ip skipped",
-                  R"({"static_neighbor": [{"mac": "0:0:0:0:0:2", "ip": "192.168.100.2001"},)"
-                  R"( {"mac": "0:0:0:0:0:3", "ip": "192.168.100.200"}]})",
-                  "0 | 00:00:00:00:00:03 192.168.100.200 :: 4"},
+                  "0 | " + listed({2})},
         // Read by the AP's rules on every C library: text after the address makes it all ones.
-        load_case{"ip with a trailing blank",
-                  R"({"static_neighbor": [{"mac": "0:0:0:0:0:2", "ip": "10.0.0.5 "}]})",
-                  "0 | 00:00:00:00:00:02 255.255.255.255 :: 4"},
+        load_case{"ip with a trailing blank", numbered_file({"10.0.0.5 "}),
+                  "0 | " + listed({1}, "255.255.255.255")},
         // 63 characters are read, 64 refused (the groups "1:2:3:4:5:" and 53 or 54 digits).
         load_case{"MAC text of 63 characters read, 64 skipped",
                   R"({"static_neighbor": [{"mac": "1:2:3:4:5:00000000000000000000000000)"
@@ -228,43 +242,24 @@ INSTANTIATE_TEST_SUITE_P(
                   R"(000006"}]})",
                   "0 | 01:02:03:04:05:04 0.0.0.0 :: 4"},
         // Each octet at 0, 255 and 256 (which no conversion accepts, so all ones).
-        load_case{
-            "IPv4 octets at 0, 255 and one past",
-            R"({"static_neighbor": [{"mac": "0:0:0:0:0:1", "ip": "0.1.2.3"},)"
-            R"({"mac": "0:0:0:0:0:2", "ip": "255.0.2.3"},)"
-            R"({"mac": "0:0:0:0:0:3", "ip": "1.255.0.3"},)"
-            R"({"mac": "0:0:0:0:0:4", "ip": "1.2.255.0"},)"
-            R"({"mac": "0:0:0:0:0:5", "ip": "1.2.3.255"},)"
-            R"({"mac": "0:0:0:0:0:6", "ip": "256.2.3.4"},)"
-            R"({"mac": "0:0:0:0:0:7", "ip": "1.256.3.4"},)"
-            R"({"mac": "0:0:0:0:0:8", "ip": "1.2.3.256"}]})",
-            "0 | 00:00:00:00:00:08 255.255.255.255 :: 4; 00:00:00:00:00:07 255.255.255.255 :: 4; "
-            "00:00:00:00:00:06 255.255.255.255 :: 4; 00:00:00:00:00:05 1.2.3.255 :: 4; "
-            "00:00:00:00:00:04 1.2.255.0 :: 4; 00:00:00:00:00:03 1.255.0.3 :: 4; "
-            "00:00:00:00:00:02 255.0.2.3 :: 4; 00:00:00:00:00:01 0.1.2.3 :: 4"},
+        load_case{"IPv4 octets at 0, 255 and one past",
+                  numbered_file({"0.1.2.3", "255.0.2.3", "1.255.0.3", "1.2.255.0", "1.2.3.255",
+                                 "256.2.3.4", "1.256.3.4", "1.2.3.256"}),
+                  "0 | " + listed({8, 7, 6}, "255.255.255.255") + "; " + listed({5}, "1.2.3.255") +
+                      "; " + listed({4}, "1.2.255.0") + "; " + listed({3}, "1.255.0.3") + "; " +
+                      listed({2}, "255.0.2.3") + "; " + listed({1}, "0.1.2.3")},
         // Eight entries fill the list; a ninth is dropped, and a refused entry among the first
         // eight is not replaced by it.
-        load_case{"nine entries: the first eight read",
-                  R"({"static_neighbor": [{"mac": "0:0:0:0:0:1"}, {"mac": "0:0:0:0:0:2"},)"
-                  R"({"mac": "0:0:0:0:0:3"}, {"mac": "0:0:0:0:0:4"}, {"mac": "0:0:0:0:0:5"},)"
-                  R"({"mac": "0:0:0:0:0:6"}, {"mac": "0:0:0:0:0:7"}, {"mac": "0:0:0:0:0:8"},)"
-                  R"({"mac": "0:0:0:0:0:9"}]})",
-                  "0 | 00:00:00:00:00:08 0.0.0.0 :: 4; 00:00:00:00:00:07 0.0.0.0 :: 4; "
-                  "00:00:00:00:00:06 0.0.0.0 :: 4; 00:00:00:00:00:05 0.0.0.0 :: 4; "
-                  "00:00:00:00:00:04 0.0.0.0 :: 4; 00:00:00:00:00:03 0.0.0.0 :: 4; "
-                  "00:00:00:00:00:02 0.0.0.0 :: 4; 00:00:00:00:00:01 0.0.0.0 :: 4"},
-        load_case{"nine entries, the second refused: seven read",
-                  R"({"static_neighbor": [{"mac": "0:0:0:0:0:1"}, {"mac": "1:2:3:4:5:6:7"},)"
-                  R"({"mac": "0:0:0:0:0:3"}, {"mac": "0:0:0:0:0:4"}, {"mac": "0:0:0:0:0:5"},)"
-                  R"({"mac": "0:0:0:0:0:6"}, {"mac": "0:0:0:0:0:7"}, {"mac": "0:0:0:0:0:8"},)"
-                  R"({"mac": "0:0:0:0:0:9"}]})",
-                  "0 | 00:00:00:00:00:08 0.0.0.0 :: 4; 00:00:00:00:00:07 0.0.0.0 :: 4; "
-                  "00:00:00:00:00:06 0.0.0.0 :: 4; 00:00:00:00:00:05 0.0.0.0 :: 4; "
-                  "00:00:00:00:00:04 0.0.0.0 :: 4; 00:00:00:00:00:03 0.0.0.0 :: 4; "
-                  "00:00:00:00:00:01 0.0.0.0 :: 4"},
-        // A file of 1 MiB is read; one byte more and it is not.
-        load_case{"file of 1 MiB", nullptr, "0 | 00:00:00:00:00:05 0.0.0.0 :: 4"},
-        load_case{"file of 1 MiB and a byte", nullptr, "-1 | "}));
+        load_case{"nine entries: the first eight read", numbered_file(std::vector<const char *>(9)),
+                  "0 | " + listed({8, 7, 6, 5, 4, 3, 2, 1})},
+        load_case{"nine entries, the second refused for an ip of 16 characters, the third's of "
+                  "15 read: seven read",
+                  numbered_file({nullptr, "192.168.100.2001", "192.168.100.200", nullptr, nullptr,
+                                 nullptr, nullptr, nullptr, nullptr}),
+                  "0 | " + listed({8, 7, 6, 5, 4}) + "; " + listed({3}, "192.168.100.200") + "; " +
+                      listed({1})},
+        load_case{"file of 1 MiB", mib_file(0), "0 | " + listed({5})},
+        load_case{"file of 1 MiB and a byte", mib_file(1), "-1 | "}));
 
 TEST(StaticFile, LoadsReversedAndWritesTheFormattedTextInLowerCase) {
     SKIP_UNLESS_ROOT();

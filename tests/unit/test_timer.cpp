@@ -1,23 +1,15 @@
-// The timer clock counts whole seconds, so every wait here is one second long at least: tests
-// use one-second delays, wait on a condition variable with a generous deadline and never
-// assert on how long anything took. Each test gets a fresh service (start and stop are cheap)
-// so that ids start at 0 and no timer of one test is pending in the next.
-//
-// Callback arguments are malloc'd Shot records: the service frees handed-over arguments with
-// free(), and the sanitizer builds then report a missing or a double release.
+// The timer clock counts whole seconds: every wait is one second at least, on a condition
+// variable with a generous deadline, and nothing asserts how long anything took. Each test gets
+// a fresh service, so ids start at 0 and no timer of one test is pending in the next. Callback
+// arguments are malloc'd, as the service frees handed-over ones with free(): the sanitizer
+// builds report a missing or a double release.
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
 #include <condition_variable>
-#include <cstdio>
-#include <cstdlib>
 #include <functional>
-#include <mutex>
 #include <sstream>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "util/timer.h"
 
@@ -83,33 +75,20 @@ std::string dump_text() {
     return testing::internal::GetCapturedStdout();
 }
 
-struct DumpLine {
-    int id;
-    unsigned sec;
-    unsigned usec;
-    int in_use;
-    int cancelled;
-};
-
-// The pending timers from the head, as the service lists them.
-std::vector<DumpLine> dump_lines() {
-    std::vector<DumpLine> lines;
+// The pending timers from the head, each as "<id>:<in_use><cancelled>", or with `now` as
+// "<seconds after now>.<microseconds>".
+std::string listing(int64_t now = -1) {
+    std::string out;
     std::istringstream text(dump_text());
     for (std::string raw; std::getline(text, raw);) {
-        DumpLine l{};
-        sscanf(raw.c_str(), "Timer %*d: id=<%d>, expire=<%u,%u>, in_use=<%d>, cancelled=<%d>",
-               &l.id, &l.sec, &l.usec, &l.in_use, &l.cancelled);
-        lines.push_back(l);
-    }
-    return lines;
-}
-
-// The pending timers from the head, each as "<id>:<in_use><cancelled>".
-std::string listing() {
-    std::string out;
-    for (const DumpLine &l : dump_lines()) {
-        out += std::to_string(l.id) + ":" + std::to_string(l.in_use) + std::to_string(l.cancelled) +
-               " ";
+        int id = 0, in_use = 0, cancelled = 0;
+        unsigned sec = 0, usec = 0;
+        sscanf(raw.c_str(), "Timer %*d: id=<%d>, expire=<%u,%u>, in_use=<%d>, cancelled=<%d>", &id,
+               &sec, &usec, &in_use, &cancelled);
+        out +=
+            (now < 0 ? std::to_string(id) + ":" + std::to_string(in_use) + std::to_string(cancelled)
+                     : std::to_string(sec - now) + "." + std::to_string(usec)) +
+            " ";
     }
     return out;
 }
@@ -175,12 +154,7 @@ TEST_F(TimerTest, ExpiryCarriesMicrosecondsIntoSeconds) {
         timer_add(10, 999445, never_fires, nullptr);
         timer_add(0, 12345678901, never_fires, nullptr);
     });
-    std::string expiries;
-    for (const DumpLine &line : dump_lines()) {
-        expiries += std::to_string(static_cast<int64_t>(line.sec) - now) + "." +
-                    std::to_string(line.usec) + " ";
-    }
-    EXPECT_EQ(expiries, "10.999999 11.0 12345.679456 ");
+    EXPECT_EQ(listing(now), "10.999999 11.0 12345.679456 ");
 }
 
 TEST_F(TimerTest, ListIsSortedByExpiryWithTiesInRegistrationOrder) {

@@ -68,26 +68,20 @@ TEST(DebugGet, RepliesBothTablesWithInt32Values) {
     tarn_debug = rcv_hand_cnt = rcv_nbcp_cnt = rcv_nbcp_ip6_cnt = rcv_local_cnt = 0;
 }
 
-// The printed table of the command-line client, read as the show methods read it.
-// "a\n" then data lines "1" to "n", and the reply to it: at most 127 lines are kept.
-std::string numbered_lines(int n) {
-    std::string text = "a\n";
+// Printed tables of the command-line client, and the reply when the first `kept` data lines
+// or words are kept: "a\n" then data lines "1" to "n", or "c1 ... cn\n" then "w1 ... wn\n".
+using printed_and_reply = std::pair<std::string, std::string>;
+
+printed_and_reply numbered_lines(int n, int kept) {
+    std::string text = "a\n", objects;
     for (int i = 1; i <= n; ++i) {
         text += std::to_string(i) + "\n";
+        objects += i > kept ? "" : (i > 1 ? "," : "") + (R"({"a":")" + std::to_string(i) + "\"}");
     }
-    return text;
+    return {text, R"({"result":[)" + objects + "]}"};
 }
 
-std::string numbered_reply(int n) {
-    std::string reply = R"({"result":[)";
-    for (int i = 1; i <= n; ++i) {
-        reply += (i > 1 ? "," : "") + (R"({"a":")" + std::to_string(i) + "\"}");
-    }
-    return reply + "]}";
-}
-
-// "c1 ... cn\n" then "w1 ... wn\n", and the reply when the first `kept` words are kept.
-std::pair<std::string, std::string> words_line(int n, int kept) {
+printed_and_reply words_line(int n, int kept) {
     std::string names, words, members;
     for (int i = 1; i <= n; ++i) {
         names += "c" + std::to_string(i) + " ";
@@ -103,17 +97,14 @@ std::pair<std::string, std::string> words_line(int n, int kept) {
 TEST(ShowTable, ReadsPrintedLinesAsOneObjectPerLine) {
     const std::string w31(31, 'w');
     const std::string x31(31, 'x');
-    const struct {
-        std::string printed;
-        std::string reply;
-    } cases[] = {
+    const printed_and_reply cases[] = {
         // Limits: words of 31 characters, 20 words a line, 127 lines, reads of 1023 characters.
         {"a b\n" + w31 + " " + w31 + "w\n",
          R"({"result":[{"a":")" + w31 + R"(","b":")" + w31 + R"("}]})"},
-        {words_line(20, 20).first, words_line(20, 20).second},
-        {words_line(21, 21).first, words_line(21, 20).second},
-        {numbered_lines(127), numbered_reply(127)},
-        {numbered_lines(128), numbered_reply(127)},
+        words_line(20, 20),
+        words_line(21, 20),
+        numbered_lines(127, 127),
+        numbered_lines(128, 127),
         // 1023 characters with the line feed are one read; one more leaves the feed to a second.
         {"a\n" + std::string(1020, 'x') + " z\n", R"({"result":[{"a":")" + x31 + R"("}]})"},
         {"a\n" + std::string(1021, 'x') + " z\n",
@@ -125,10 +116,10 @@ TEST(ShowTable, ReadsPrintedLinesAsOneObjectPerLine) {
     };
     for (const auto &c : cases) {
         std::unique_ptr<show_text_table> table(new show_text_table());
-        FILE *stream = fmemopen(const_cast<char *>(c.printed.data()), c.printed.size(), "r");
+        FILE *stream = fmemopen(const_cast<char *>(c.first.data()), c.first.size(), "r");
         read_show_lines(stream, *table);
         fclose(stream);
-        EXPECT_EQ(text_of(show_table_reply(table.get())), c.reply) << c.printed;
+        EXPECT_EQ(text_of(show_table_reply(table.get())), c.second) << c.first;
     }
 }
 
