@@ -69,6 +69,17 @@ inline std::string list_text() {
     return text;
 }
 
+// Nodes 00:00:00:00:00:0i for each i in order, all at the IPv4 address `ip`, as list_text
+// gives them.
+inline std::string nodes(std::initializer_list<int> order, const char *ip = "0.0.0.0") {
+    std::string text;
+    for (int i : order) {
+        text += (text.empty() ? "00:00:00:00:00:0" : "; 00:00:00:00:00:0") + std::to_string(i) +
+                " " + ip + " :: 4";
+    }
+    return text;
+}
+
 inline std::string file_text() {
     const char *path = STATIC_NEIGHBOR_CONF_PATH;
     return sandbox::exists(path) ? sandbox::read_file(path) : "(missing)";

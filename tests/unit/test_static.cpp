@@ -26,6 +26,7 @@
 namespace {
 
 using static_env::list_text;
+using static_env::nodes;
 
 constexpr const char *M = "00:11:22:33:44:55";
 
@@ -177,15 +178,6 @@ std::string numbered_file(const std::vector<const char *> &ips) {
     return text + "]}";
 }
 
-// The list of nodes mac_n(i) for each i in order, all at the address `ip`.
-std::string listed(std::initializer_list<int> order, const char *ip = "0.0.0.0") {
-    std::string text;
-    for (int i : order) {
-        text += (text.empty() ? "" : "; ") + mac_n(i) + " " + ip + " :: 4";
-    }
-    return text;
-}
-
 // A readable file of 1 MiB, and `extra` bytes more.
 std::string mib_file(size_t extra) {
     std::string text = R"({"static_neighbor": [{"mac": "0:0:0:0:0:5"}]})";
@@ -230,10 +222,10 @@ INSTANTIATE_TEST_SUITE_P(
                   "0 | 23:ff:00:03:00:00 0.0.0.0 :: 4"},
         load_case{"seven MAC groups skipped",
                   R"({"static_neighbor": [{"mac": "1:2:3:4:5:6:7"}, {"mac": "0:0:0:0:0:2"}]})",
-                  "0 | " + listed({2})},
+                  "0 | " + nodes({2})},
         // Read by the AP's rules on every C library: text after the address makes it all ones.
         load_case{"ip with a trailing blank", numbered_file({"10.0.0.5 "}),
-                  "0 | " + listed({1}, "255.255.255.255")},
+                  "0 | " + nodes({1}, "255.255.255.255")},
         // 63 characters are read, 64 refused (the groups "1:2:3:4:5:" and 53 or 54 digits).
         load_case{"MAC text of 63 characters read, 64 skipped",
                   R"({"static_neighbor": [{"mac": "1:2:3:4:5:00000000000000000000000000)"
@@ -245,20 +237,20 @@ INSTANTIATE_TEST_SUITE_P(
         load_case{"IPv4 octets at 0, 255 and one past",
                   numbered_file({"0.1.2.3", "255.0.2.3", "1.255.0.3", "1.2.255.0", "1.2.3.255",
                                  "256.2.3.4", "1.256.3.4", "1.2.3.256"}),
-                  "0 | " + listed({8, 7, 6}, "255.255.255.255") + "; " + listed({5}, "1.2.3.255") +
-                      "; " + listed({4}, "1.2.255.0") + "; " + listed({3}, "1.255.0.3") + "; " +
-                      listed({2}, "255.0.2.3") + "; " + listed({1}, "0.1.2.3")},
+                  "0 | " + nodes({8, 7, 6}, "255.255.255.255") + "; " + nodes({5}, "1.2.3.255") +
+                      "; " + nodes({4}, "1.2.255.0") + "; " + nodes({3}, "1.255.0.3") + "; " +
+                      nodes({2}, "255.0.2.3") + "; " + nodes({1}, "0.1.2.3")},
         // Eight entries fill the list; a ninth is dropped, and a refused entry among the first
         // eight is not replaced by it.
         load_case{"nine entries: the first eight read", numbered_file(std::vector<const char *>(9)),
-                  "0 | " + listed({8, 7, 6, 5, 4, 3, 2, 1})},
+                  "0 | " + nodes({8, 7, 6, 5, 4, 3, 2, 1})},
         load_case{"nine entries, the second refused for an ip of 16 characters, the third's of "
                   "15 read: seven read",
                   numbered_file({nullptr, "192.168.100.2001", "192.168.100.200", nullptr, nullptr,
                                  nullptr, nullptr, nullptr, nullptr}),
-                  "0 | " + listed({8, 7, 6, 5, 4}) + "; " + listed({3}, "192.168.100.200") + "; " +
-                      listed({1})},
-        load_case{"file of 1 MiB", mib_file(0), "0 | " + listed({5})},
+                  "0 | " + nodes({8, 7, 6, 5, 4}) + "; " + nodes({3}, "192.168.100.200") + "; " +
+                      nodes({1})},
+        load_case{"file of 1 MiB", mib_file(0), "0 | " + nodes({5})},
         load_case{"file of 1 MiB and a byte", mib_file(1), "-1 | "}));
 
 TEST(StaticFile, LoadsReversedAndWritesTheFormattedTextInLowerCase) {

@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <functional>
 #include <sstream>
 #include <thread>
@@ -17,31 +16,36 @@ namespace {
 
 constexpr auto FIRE_DEADLINE = std::chrono::seconds(10);
 
-// The tags of the callbacks run so far, in order, and the service's clock at each run.
-class FireLog {
-  public:
-    void record(int tag) {
-        std::lock_guard<std::mutex> guard(mutex_);
-        tags_ += std::to_string(tag) + " ";
-        seconds_.push_back(timer_now().sec);
-        changed_.notify_all();
+// Polls until `done` holds or the deadline has passed; tells whether it held.
+template <typename Done>
+bool wait_until(Done &&done) {
+    auto deadline = std::chrono::steady_clock::now() + FIRE_DEADLINE;
+    while (!done() && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
-    // The tags once `count` callbacks have run, or when the deadline has passed; the clock's
-    // seconds of the runs go to `seconds` when given.
-    std::string wait_for(size_t count, std::vector<int64_t> *seconds = nullptr) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        changed_.wait_for(lock, FIRE_DEADLINE, [&] { return seconds_.size() >= count; });
-        if (seconds != nullptr) {
-            *seconds = seconds_;
-        }
-        return tags_;
-    }
+    return done();
+}
 
-  private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::string tags_;
-    std::vector<int64_t> seconds_;
+// The tags of the callbacks run so far, in order, and the service's clock at each run.
+struct FireLog {
+    std::mutex mutex;
+    std::string tags;
+    std::vector<int64_t> seconds;
+
+    void record(int tag) {
+        std::lock_guard<std::mutex> guard(mutex);
+        tags += std::to_string(tag) + " ";
+        seconds.push_back(timer_now().sec);
+    }
+    // The tags once `count` callbacks have run, or when the deadline has passed.
+    std::string wait_for(size_t count) {
+        wait_until([&] {
+            std::lock_guard<std::mutex> guard(mutex);
+            return seconds.size() >= count;
+        });
+        std::lock_guard<std::mutex> guard(mutex);
+        return tags;
+    }
 };
 
 struct Shot {
@@ -69,17 +73,13 @@ void record_and_rearm(void *arg) {
 
 void never_fires(void *) {}
 
-std::string dump_text() {
-    testing::internal::CaptureStdout();
-    timer_dump();
-    return testing::internal::GetCapturedStdout();
-}
-
 // The pending timers from the head, each as "<id>:<in_use><cancelled>", or with `now` as
 // "<seconds after now>.<microseconds>".
 std::string listing(int64_t now = -1) {
     std::string out;
-    std::istringstream text(dump_text());
+    testing::internal::CaptureStdout();
+    timer_dump();
+    std::istringstream text(testing::internal::GetCapturedStdout());
     for (std::string raw; std::getline(text, raw);) {
         int id = 0, in_use = 0, cancelled = 0;
         unsigned sec = 0, usec = 0;
@@ -91,16 +91,6 @@ std::string listing(int64_t now = -1) {
             " ";
     }
     return out;
-}
-
-// Polls until `done` holds or the deadline has passed; tells whether it held.
-template <typename Done>
-bool wait_until(Done &&done) {
-    auto deadline = std::chrono::steady_clock::now() + FIRE_DEADLINE;
-    while (!done() && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return done();
 }
 
 // The timer thread programs the alarm for a head it finds on its own shortly after the list
@@ -142,7 +132,7 @@ TEST_F(TimerTest, InvalidArgumentsRegisterNothing) {
     EXPECT_EQ(timer_add(-1, 500000, never_fires, nullptr), TIMER_ADD_FAILED);
     EXPECT_EQ(timer_add(1, -1, never_fires, nullptr), TIMER_ADD_FAILED);
     EXPECT_EQ(timer_add(1, 0, nullptr, nullptr), TIMER_ADD_FAILED);
-    EXPECT_EQ(dump_text(), "");
+    EXPECT_EQ(listing(), "");
     // A rejected registration takes no id.
     EXPECT_EQ(timer_add(100, 0, never_fires, nullptr), 0u);
 }
@@ -175,12 +165,12 @@ TEST_F(TimerTest, EqualExpiriesFireInRegistrationOrderNeverEarlyAndCanRearm) {
         shot(1, 1);
         shot(1, 2, 3);
     });
-    std::vector<int64_t> seconds;
-    ASSERT_EQ(log_.wait_for(5, &seconds), "0 1 2 2 2 ");
+    ASSERT_EQ(log_.wait_for(5), "0 1 2 2 2 ");
+    const std::vector<int64_t> &seconds = log_.seconds;  // the last run re-armed nothing
     EXPECT_GE(seconds[0], added_at + 1);
     EXPECT_GE(seconds[3], seconds[2] + 1);
     EXPECT_GE(seconds[4], seconds[3] + 1);
-    EXPECT_EQ(dump_text(), "");
+    EXPECT_EQ(listing(), "");
 }
 
 // A shorter timer takes the alarm over from an armed head. A cancelled pending timer is

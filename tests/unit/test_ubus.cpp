@@ -14,6 +14,7 @@
 namespace {
 
 using static_env::list_text;
+using static_env::nodes;
 
 std::string text_of(const json_ref &value) {
     return value ? json_object_to_json_string_ext(value.get(), JSON_C_TO_STRING_PLAIN) : "(none)";
@@ -128,15 +129,15 @@ TEST(ShowTable, ReadsPrintedLinesAsOneObjectPerLine) {
 TEST(StaticMethods, ReplyAndList) {
     SKIP_UNLESS_ROOT();
     const std::string A = "00:11:22:33:44:55 0.0.0.0 :: 4";
-    const std::string EIGHT = R"({"neighbor_list":[{"mac":"0:0:0:0:0:1"},{"mac":"0:0:0:0:0:2"},)"
-                              R"({"mac":"0:0:0:0:0:3"},{"mac":"0:0:0:0:0:4"},)"
-                              R"({"mac":"0:0:0:0:0:5"},{"mac":"0:0:0:0:0:6"},)"
-                              R"({"mac":"0:0:0:0:0:7"},{"mac":"0:0:0:0:0:8"}]})";
-    const std::string EIGHT_LIST =
-        "00:00:00:00:00:08 255.255.255.255 :: 4; 00:00:00:00:00:07 255.255.255.255 :: 4; "
-        "00:00:00:00:00:06 255.255.255.255 :: 4; 00:00:00:00:00:05 255.255.255.255 :: 4; "
-        "00:00:00:00:00:04 255.255.255.255 :: 4; 00:00:00:00:00:03 255.255.255.255 :: 4; "
-        "00:00:00:00:00:02 255.255.255.255 :: 4; 00:00:00:00:00:01 255.255.255.255 :: 4";
+    auto numbered_request = [](int n) {  // a replace by nodes 0:0:0:0:0:1 to n
+        std::string list;
+        for (int i = 1; i <= n; ++i) {
+            list += (i > 1 ? "," : "") + (R"({"mac":"0:0:0:0:0:)" + std::to_string(i) + "\"}");
+        }
+        return R"({"neighbor_list":[)" + list + "]}";
+    };
+    const std::string EIGHT = numbered_request(8);
+    const std::string EIGHT_LIST = nodes({8, 7, 6, 5, 4, 3, 2, 1}, "255.255.255.255");
     const struct {
         method_handler handler;
         std::string request;
@@ -148,11 +149,10 @@ TEST(StaticMethods, ReplyAndList) {
         // The list holds 8 nodes: a replace keeps the first 8 elements, an add of a new MAC to
         // a full list fails and changes nothing, an add of a known one still updates it.
         {ubus_static_mac_qv, EIGHT, OK, EIGHT_LIST},
-        {ubus_static_mac_qv, EIGHT.substr(0, EIGHT.size() - 2) + R"(,{"mac":"0:0:0:0:0:9"}]})", OK,
-         EIGHT_LIST},
+        {ubus_static_mac_qv, numbered_request(9), OK, EIGHT_LIST},
         {ubus_static_mac_add, R"({"mac":"0:0:0:0:0:9"})", FAIL, EIGHT_LIST, EIGHT},
         {ubus_static_mac_add, R"({"mac":"0:0:0:0:0:8","ip":"1.2.255.3"})", OK,
-         "00:00:00:00:00:08 1.2.255.3 :: 4" + EIGHT_LIST.substr(EIGHT_LIST.find(';')), EIGHT},
+         nodes({8}, "1.2.255.3") + EIGHT_LIST.substr(EIGHT_LIST.find(';')), EIGHT},
         {ubus_static_mac_add, R"({"mac":"0:0:0:0:0:1","ip":"1.2.256.3"})", OK,
          "00:00:00:00:00:01 255.255.255.255 :: 4; " + A},
         // Texts at their length and one past: a MAC of 63 characters and an IPv4 text of 15 are
