@@ -21,10 +21,9 @@ using namespace ntest;
 // Header of every message (host order, little-endian on the build machines): length 48,
 // type 27, flags 0, sequence 0, port id 4.
 bytes header_and(const bytes &payload_start) {
-    bytes out(48, 0);
-    const uint8_t header[] = {48, 0, 0, 0, 27, 0, 0, 0, 0, 0, 0, 0, 4, 0, 0, 0};
-    std::copy(std::begin(header), std::end(header), out.begin());
-    std::copy(payload_start.begin(), payload_start.end(), out.begin() + sizeof header);
+    bytes out = {48, 0, 0, 0, 27, 0, 0, 0, 0, 0, 0, 0, 4, 0, 0, 0};
+    out.insert(out.end(), payload_start.begin(), payload_start.end());
+    out.resize(48);
     return out;
 }
 

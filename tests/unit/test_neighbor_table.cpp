@@ -28,8 +28,7 @@ class NeighborTableModel : public testing::TestWithParam<uint32_t> {
     static int add(const mac_addr &mac, uint32_t timestamp, uint32_t tag = 0) {
         std::lock_guard<std::mutex> guard(ngb_lock);
         std::unique_ptr<neighbor_ap> entry = neighbor_ap_new();
-        entry->mac = mac;
-        entry->info.mac = mac;
+        entry->mac = entry->info.mac = mac;
         entry->timestamp = timestamp;
         entry->age = tag;
         int rc = neighbor_ap_add(mac, entry);
@@ -57,11 +56,11 @@ struct TableModel {
     size_t capacity = 16;
     std::vector<ModelEntry> entries;
 
-    ModelEntry *find(const mac_addr &mac) {
-        auto at = std::find_if(entries.begin(), entries.end(),
-                               [&](const ModelEntry &e) { return e.mac == mac; });
-        return at == entries.end() ? nullptr : &*at;
+    std::vector<ModelEntry>::iterator at(const mac_addr &mac) {
+        return std::find_if(entries.begin(), entries.end(),
+                            [&](const ModelEntry &e) { return e.mac == mac; });
     }
+    ModelEntry *find(const mac_addr &mac) { return at(mac) == entries.end() ? nullptr : &*at(mac); }
     std::vector<ModelEntry> walk() const {
         std::vector<ModelEntry> all = entries;
         std::stable_sort(all.begin(), all.end(), [](const ModelEntry &a, const ModelEntry &b) {
@@ -80,13 +79,10 @@ struct TableModel {
             if (victim->timestamp == 0) {
                 return 1;
             }
-            remove(victim->mac);
+            entries.erase(at(victim->mac));
         }
         entries.push_back(entry);
         return 0;
-    }
-    void remove(const mac_addr &mac) {
-        entries.erase(entries.begin() + (find(mac) - entries.data()));
     }
 };
 
@@ -162,7 +158,7 @@ TEST_P(NeighborTableModel, RandomOperationsMatchModel) {
             std::lock_guard<std::mutex> guard(ngb_lock);
             if (neighbor_ap *entry = neighbor_ap_find(mac)) {
                 neighbor_ap_delete(entry);
-                model.remove(mac);
+                model.entries.erase(model.at(mac));
             }
         } else if (choice < 98) {
             uint32_t value = next_stamp();
