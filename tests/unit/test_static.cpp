@@ -346,9 +346,6 @@ TEST(StaticSaveCrash, EveryKillLeavesACompleteVersion) {
             save_as_json();
             versions[variant] = static_env::file_text();
         }
-        if (versions[0] == versions[1]) {
-            return std::string("versions not distinct");
-        }
         std::mt19937 random(12345);
         std::uniform_int_distribution<int> delay(0, std::max(4000, 2 * save_cycle_us()));
         int left_behind[2] = {0, 0};
@@ -371,7 +368,8 @@ TEST(StaticSaveCrash, EveryKillLeavesACompleteVersion) {
             }
             ++left_behind[which];
         }
-        // Both versions must have been left behind at some kills, or the saves never ran.
+        // Both versions must have been left behind at some kills, or the saves never ran (or
+        // wrote the same text).
         return std::string(left_behind[0] > 0 && left_behind[1] > 0 ? "complete" : "one only");
     });
     EXPECT_EQ(seen, "complete");
