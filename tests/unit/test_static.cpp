@@ -228,10 +228,8 @@ INSTANTIATE_TEST_SUITE_P(
                   "0 | " + nodes({1}, "255.255.255.255")},
         // 63 characters are read, 64 refused (the groups "1:2:3:4:5:" and 53 or 54 digits).
         load_case{"MAC text of 63 characters read, 64 skipped",
-                  R"({"static_neighbor": [{"mac": "1:2:3:4:5:00000000000000000000000000)"
-                  R"(000000000000000000000000004"},)"
-                  R"( {"mac": "1:2:3:4:5:000000000000000000000000000000000000000000000000)"
-                  R"(000006"}]})",
+                  R"({"static_neighbor": [{"mac": "1:2:3:4:5:)" + std::string(52, '0') +
+                      R"(4"}, {"mac": "1:2:3:4:5:)" + std::string(53, '0') + R"(6"}]})",
                   "0 | 01:02:03:04:05:04 0.0.0.0 :: 4"},
         // Each octet at 0, 255 and 256 (which no conversion accepts, so all ones).
         load_case{"IPv4 octets at 0, 255 and one past",
