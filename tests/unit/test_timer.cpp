@@ -137,24 +137,22 @@ TEST_F(TimerTest, InvalidArgumentsRegisterNothing) {
     EXPECT_EQ(timer_add(100, 0, never_fires, nullptr), 0u);
 }
 
-TEST_F(TimerTest, ExpiryCarriesMicrosecondsIntoSeconds) {
-    // Delays of 10 s and more: none of these fires while the test looks at the list.
+// Delays of 10 s and more: none of these fires while the test looks at the list. The clock's
+// microseconds are always 555.
+TEST_F(TimerTest, ListIsSortedByExpiryWithTiesInRegistrationOrderAndMicrosecondsCarried) {
     int64_t now = add_in_one_second([] {
-        timer_add(10, 999444, never_fires, nullptr);
-        timer_add(10, 999445, never_fires, nullptr);
-        timer_add(0, 12345678901, never_fires, nullptr);
-    });
-    EXPECT_EQ(listing(now), "10.999999 11.0 12345.679456 ");
-}
-
-TEST_F(TimerTest, ListIsSortedByExpiryWithTiesInRegistrationOrder) {
-    add_in_one_second([&] {
-        for (int64_t delay : {100, 50, 100, 200, 50, 10, 100}) {  // ids 0 to 6
+        timer_add(10, 999444, never_fires, nullptr);              // id 0
+        timer_add(10, 999445, never_fires, nullptr);              // id 1
+        timer_add(0, 12345678901, never_fires, nullptr);          // id 2
+        for (int64_t delay : {100, 50, 100, 200, 50, 10, 100}) {  // ids 3 to 9
             timer_add(delay, 0, never_fires, nullptr);
         }
     });
     // Only the head, which took over from an earlier head, has the alarm.
-    EXPECT_EQ(listing(), "5:10 1:00 4:00 0:00 2:00 6:00 3:00 ");
+    EXPECT_EQ(listing(), "8:10 0:00 1:00 4:00 7:00 3:00 5:00 9:00 6:00 2:00 ");
+    EXPECT_EQ(listing(now),
+              "10.555 10.999999 11.0 50.555 50.555 100.555 100.555 100.555 200.555 "
+              "12345.679456 ");
 }
 
 // Tag 2 re-arms itself twice: each period counts from the run that registered it, and the
