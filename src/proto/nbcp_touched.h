@@ -56,16 +56,12 @@ class nbcp_touched {
         return first_word_ < last_word_ ? blocks + clear_lines(msg) : blocks;
     }
 
-    // Lines currently recorded as written, the head's included.
-    size_t lines() const;
-
   private:
     size_t clear_lines(nbcp_msg *msg);
 
     static constexpr size_t LINES = sizeof(nbcp_msg) / LINE + 2;
     static constexpr size_t WORDS = (LINES + 63) / 64;
 
-    const nbcp_msg *record_;
     uintptr_t base_;
     size_t head_ = 0;
     std::array<uint64_t, WORDS> words_{};
