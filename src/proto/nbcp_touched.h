@@ -30,17 +30,11 @@ class nbcp_touched {
         const uintptr_t begin = reinterpret_cast<uintptr_t>(p) - base_;
         const size_t first = begin / LINE;
         const size_t last = (begin + n - 1) / LINE;  // n > 0 for every field
-        const size_t first_word = first / 64;
-        const size_t last_word = last / 64;
-        if (first_word == last_word) {  // the usual case: one mask for all the lines
-            words_[first_word] |= (~uint64_t{0} >> (63 - (last - first))) << (first % 64);
-        } else {
-            for (size_t line = first; line <= last; ++line) {
-                words_[line / 64] |= uint64_t{1} << (line % 64);
-            }
+        for (size_t line = first; line <= last; ++line) {
+            words_[line / 64] |= uint64_t{1} << (line % 64);
         }
-        first_word_ = std::min(first_word_, first_word);
-        last_word_ = std::max(last_word_, last_word + 1);
+        first_word_ = std::min(first_word_, first / 64);
+        last_word_ = std::max(last_word_, last / 64 + 1);
     }
 
     // Zeroes the head and every line written since the last clear (only the part inside the

