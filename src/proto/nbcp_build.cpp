@@ -1,7 +1,6 @@
-#include <algorithm>
-
 #include "proto/nbcp.h"
 #include "proto/nbcp_codes.h"
+#include "proto/nbcp_walk.h"
 
 namespace {
 
@@ -49,18 +48,7 @@ uint32_t nbcp_build_ndsp(uint8_t *out, nbcp_ndsp *rec) {
     nbcp_put_field_string(e, NDSP_INFO_TENANT_ID, info.tenantId);
     nbcp_put_field_string(e, NDSP_INFO_VERSION, info.version);
     nbcp_put_field_string(e, NDSP_INFO_NAME, info.name);
-    // The count goes out as stored; only four radios exist to describe.
-    nbcp_put_u8(e, NDSP_INFO_RADIOCNT, info.radiocnt);
-    int radios = std::min<int>(info.radiocnt, AP_RADIO_MAX);
-    for (int i = 0; i < radios; ++i) {
-        const radio_info &r = info.radio[i];
-        nbcp_put_u8(e, NDSP_RADIO_ID, r.radioid);
-        nbcp_put_u8(e, NDSP_RADIO_CHANNEL, r.channel);
-        nbcp_put_u8(e, NDSP_RADIO_TXPOWER, r.txpower);
-        nbcp_put_u8(e, NDSP_RADIO_RSSI, r.rssi);
-        nbcp_put_u8(e, NDSP_RADIO_BANDWIDTH, r.bandwidth);
-        nbcp_put_u8(e, NDSP_RADIO_END, 0);
-    }
+    nbcp_put_radios<NDSP_RADIO_CODES>(e, NDSP_INFO_RADIOCNT, info);
     nbcp_put_end(e);
     return e.count;
 }

@@ -30,17 +30,7 @@ uint32_t put_list_entry(uint8_t *out, const ap_info &info) {
     nbcp_put_u32(e, LIST_CLUSTER_ID, info.cluster_id);
     nbcp_put_mac(e, LIST_PVC_MAC, info.pvc_mac.data());
     nbcp_put_u8(e, LIST_CLUSTER_FLAG, info.cluster_flag);
-    nbcp_put_u8(e, LIST_RADIOCNT, info.radiocnt);
-    int radios = std::min<int>(info.radiocnt, AP_RADIO_MAX);
-    for (int i = 0; i < radios; ++i) {
-        const radio_info &r = info.radio[i];
-        nbcp_put_u8(e, LIST_RADIO_ID, r.radioid);
-        nbcp_put_u8(e, LIST_RADIO_CHANNEL, r.channel);
-        nbcp_put_u8(e, LIST_RADIO_TXPOWER, r.txpower);
-        nbcp_put_u8(e, LIST_RADIO_RSSI, r.rssi);
-        nbcp_put_u8(e, LIST_RADIO_BANDWIDTH, r.bandwidth);
-        nbcp_put_u8(e, LIST_RADIO_END, 0);
-    }
+    nbcp_put_radios<LIST_RADIO_CODES>(e, LIST_RADIOCNT, info);
     nbcp_put_u8(e, LIST_ENTRY_END, 0);
     return e.count;
 }

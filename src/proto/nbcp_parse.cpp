@@ -1,4 +1,3 @@
-#include <array>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
@@ -117,51 +116,50 @@ using nbcp_parser = void (*)(const uint8_t *data, size_t len, uint32_t limit, nb
                              nbcp_touched *touched);
 
 struct nbcp_dispatch {
-    uint8_t kind;  // 0 marks an unknown type
+    uint8_t type;
+    uint8_t kind;  // what the record's kind says: the type, or 1 to 6 for both forms of a kind
     uint32_t limit;
     nbcp_parser parse;
     size_t record_size;  // bytes of the union member the parser fills
     size_t head_size;    // its bytes before the first list whose items the parser marks itself
 };
 
-constexpr std::array<nbcp_dispatch, 256> make_dispatch_table() {
-    std::array<nbcp_dispatch, 256> t{};
-    const nbcp_dispatch fixed_kinds[] = {
-        {1, 0, nbcp_parse_kind_fixed, sizeof(nbcp_kind1), sizeof(nbcp_kind1)},
-        {2, 0, nbcp_parse_kind_fixed, sizeof(nbcp_kind2), offsetof(nbcp_kind2, entries)},
-        {3, 0, nbcp_parse_kind_fixed, sizeof(nbcp_kind3), sizeof(nbcp_kind3)},
-        {4, 0, nbcp_parse_kind_fixed, sizeof(nbcp_kind4), offsetof(nbcp_kind4, entries)},
-        {5, 0, nbcp_parse_kind_fixed, sizeof(nbcp_kind5), offsetof(nbcp_kind5, entries)},
-        {6, 0, nbcp_parse_kind_fixed, sizeof(nbcp_kind6), offsetof(nbcp_kind6, entries)},
-    };
-    const nbcp_dispatch tlv_kinds[] = {
-        {1, NBCP_WALK_LIMIT, nbcp_parse_kind_tlv, sizeof(nbcp_kind1), sizeof(nbcp_kind1)},
-        {2, NBCP_KIND2_WALK_LIMIT, nbcp_parse_kind_tlv, sizeof(nbcp_kind2),
-         offsetof(nbcp_kind2, entries)},
-        {3, NBCP_WALK_LIMIT, nbcp_parse_kind_tlv, sizeof(nbcp_kind3), sizeof(nbcp_kind3)},
-        {4, NBCP_WALK_LIMIT, nbcp_parse_kind_tlv, sizeof(nbcp_kind4),
-         offsetof(nbcp_kind4, entries)},
-        {5, NBCP_KIND5_WALK_LIMIT, nbcp_parse_kind_tlv, sizeof(nbcp_kind5),
-         offsetof(nbcp_kind5, entries)},
-        {6, NBCP_WALK_LIMIT, nbcp_parse_kind_tlv, sizeof(nbcp_kind6),
-         offsetof(nbcp_kind6, entries)},
-    };
-    for (int k = NBCP_KIND_MIN; k <= NBCP_KIND_MAX; ++k) {
-        t[k] = fixed_kinds[k - NBCP_KIND_MIN];
-        t[k + NBCP_KIND_TLV_OFFSET] = tlv_kinds[k - NBCP_KIND_MIN];
-    }
-    t[NBCP_TYPE_NDRP] = {NBCP_TYPE_NDRP, NBCP_WALK_LIMIT, parse_ndrp, sizeof(nbcp_ndrp),
-                         sizeof(nbcp_ndrp)};
-    t[NBCP_TYPE_NDSP] = {NBCP_TYPE_NDSP, NBCP_WALK_LIMIT, parse_ndsp, sizeof(nbcp_ndsp),
-                         sizeof(nbcp_ndsp)};
-    t[NBCP_TYPE_15] = {NBCP_TYPE_15, 0, nbcp_parse_type15, sizeof(nbcp_type15),
-                       sizeof(nbcp_type15)};
-    t[NBCP_TYPE_16] = {NBCP_TYPE_16, 0, nbcp_parse_kind_fixed, sizeof(nbcp_type16),
-                       offsetof(nbcp_type16, groups)};
-    return t;
-}
+#define RECORD(r) sizeof(r), sizeof(r)
+#define HEAD(r, list) sizeof(r), offsetof(r, list)
 
-constexpr std::array<nbcp_dispatch, 256> NBCP_DISPATCH = make_dispatch_table();
+// Every known type; any other is unknown. The fixed layouts read a bounded number of fields
+// and take no limit.
+constexpr nbcp_dispatch NBCP_TYPES[] = {
+    {1, 1, 0, nbcp_parse_kind_fixed, RECORD(nbcp_kind1)},
+    {2, 2, 0, nbcp_parse_kind_fixed, HEAD(nbcp_kind2, entries)},
+    {3, 3, 0, nbcp_parse_kind_fixed, RECORD(nbcp_kind3)},
+    {4, 4, 0, nbcp_parse_kind_fixed, HEAD(nbcp_kind4, entries)},
+    {5, 5, 0, nbcp_parse_kind_fixed, HEAD(nbcp_kind5, entries)},
+    {6, 6, 0, nbcp_parse_kind_fixed, HEAD(nbcp_kind6, entries)},
+    {NBCP_TYPE_NDRP, NBCP_TYPE_NDRP, NBCP_WALK_LIMIT, parse_ndrp, RECORD(nbcp_ndrp)},
+    {NBCP_TYPE_NDSP, NBCP_TYPE_NDSP, NBCP_WALK_LIMIT, parse_ndsp, RECORD(nbcp_ndsp)},
+    {NBCP_TYPE_15, NBCP_TYPE_15, 0, nbcp_parse_type15, RECORD(nbcp_type15)},
+    {NBCP_TYPE_16, NBCP_TYPE_16, 0, nbcp_parse_kind_fixed, HEAD(nbcp_type16, groups)},
+    {21, 1, NBCP_WALK_LIMIT, nbcp_parse_kind_tlv, RECORD(nbcp_kind1)},
+    {22, 2, NBCP_KIND2_WALK_LIMIT, nbcp_parse_kind_tlv, HEAD(nbcp_kind2, entries)},
+    {23, 3, NBCP_WALK_LIMIT, nbcp_parse_kind_tlv, RECORD(nbcp_kind3)},
+    {24, 4, NBCP_WALK_LIMIT, nbcp_parse_kind_tlv, HEAD(nbcp_kind4, entries)},
+    {25, 5, NBCP_KIND5_WALK_LIMIT, nbcp_parse_kind_tlv, HEAD(nbcp_kind5, entries)},
+    {26, 6, NBCP_WALK_LIMIT, nbcp_parse_kind_tlv, HEAD(nbcp_kind6, entries)},
+};
+
+#undef RECORD
+#undef HEAD
+
+// The row of a known type, or null.
+const nbcp_dispatch *find_type(uint8_t type) {
+    for (const nbcp_dispatch &row : NBCP_TYPES) {
+        if (row.type == type) {
+            return &row;
+        }
+    }
+    return nullptr;
+}
 
 uint8_t datagram_type(const uint8_t *data, size_t len) {
     return len > 3 ? data[3] : 0;
@@ -173,26 +171,26 @@ void nbcp_msg_reset(nbcp_msg *msg, const uint8_t *data, size_t len) {
     if (msg == nullptr) {
         return;
     }
-    const nbcp_dispatch &entry = NBCP_DISPATCH[data == nullptr ? 0 : datagram_type(data, len)];
+    const nbcp_dispatch *row = data == nullptr ? nullptr : find_type(datagram_type(data, len));
     msg->kind = 0;
-    std::memset(&msg->m, 0, entry.parse != nullptr ? entry.record_size : sizeof(nbcp_hdr));
+    std::memset(&msg->m, 0, row != nullptr ? row->record_size : sizeof(nbcp_hdr));
 }
 
 int nbcp_decode(const uint8_t *data, size_t len, nbcp_msg *msg, nbcp_touched *touched) {
     if (nbcp_hdr_decode(data, len, msg) == 0) {
         return 0;
     }
-    const nbcp_dispatch &entry = NBCP_DISPATCH[datagram_type(data, len)];
+    const nbcp_dispatch *row = find_type(datagram_type(data, len));
     if (touched != nullptr) {
         // kind and the record's head as one range: the bytes between them are padding.
         touched->mark_head(offsetof(nbcp_msg, m) +
-                           (entry.parse != nullptr ? entry.head_size : sizeof(nbcp_hdr)));
+                           (row != nullptr ? row->head_size : sizeof(nbcp_hdr)));
     }
-    if (entry.parse == nullptr) {
+    if (row == nullptr) {
         return 0;
     }
-    msg->kind = entry.kind;
-    entry.parse(data, len, entry.limit, *msg, touched);
+    msg->kind = row->kind;
+    row->parse(data, len, row->limit, *msg, touched);
     return 1;
 }
 

@@ -16,7 +16,6 @@ enum nbcp_msg_type : uint8_t {
 // Types 1 to 6 carry kinds 1 to 6 in fixed layout; types 21 to 26 carry the same kinds as TLV.
 constexpr uint8_t NBCP_KIND_MIN = 1;
 constexpr uint8_t NBCP_KIND_MAX = 6;
-constexpr uint8_t NBCP_KIND_TLV_OFFSET = 20;
 
 struct nbcp_ndrp {
     nbcp_hdr hdr;

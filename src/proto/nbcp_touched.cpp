@@ -4,7 +4,7 @@
 #include <cstring>
 
 nbcp_touched::nbcp_touched(const nbcp_msg *msg)
-    : record_(msg), base_(reinterpret_cast<uintptr_t>(msg) / LINE * LINE) {}
+    : base_(reinterpret_cast<uintptr_t>(msg) / LINE * LINE) {}
 
 size_t nbcp_touched::clear_lines(nbcp_msg *msg) {
     const uintptr_t record_begin = reinterpret_cast<uintptr_t>(msg);
@@ -31,19 +31,4 @@ size_t nbcp_touched::clear_lines(nbcp_msg *msg) {
     first_word_ = WORDS;
     last_word_ = 0;
     return blocks;
-}
-
-size_t nbcp_touched::lines() const {
-    std::array<uint64_t, WORDS> all = words_;
-    if (head_ != 0) {
-        const uintptr_t record_begin = reinterpret_cast<uintptr_t>(record_) - base_;
-        for (size_t line = record_begin / LINE; line <= (record_begin + head_ - 1) / LINE; ++line) {
-            all[line / 64] |= uint64_t{1} << (line % 64);
-        }
-    }
-    size_t n = 0;
-    for (uint64_t w : all) {
-        n += static_cast<size_t>(__builtin_popcountll(w));
-    }
-    return n;
 }

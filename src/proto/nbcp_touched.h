@@ -30,17 +30,11 @@ class nbcp_touched {
         const uintptr_t begin = reinterpret_cast<uintptr_t>(p) - base_;
         const size_t first = begin / LINE;
         const size_t last = (begin + n - 1) / LINE;  // n > 0 for every field
-        const size_t first_word = first / 64;
-        const size_t last_word = last / 64;
-        if (first_word == last_word) {  // the usual case: one mask for all the lines
-            words_[first_word] |= (~uint64_t{0} >> (63 - (last - first))) << (first % 64);
-        } else {
-            for (size_t line = first; line <= last; ++line) {
-                words_[line / 64] |= uint64_t{1} << (line % 64);
-            }
+        for (size_t line = first; line <= last; ++line) {
+            words_[line / 64] |= uint64_t{1} << (line % 64);
         }
-        first_word_ = std::min(first_word_, first_word);
-        last_word_ = std::max(last_word_, last_word + 1);
+        first_word_ = std::min(first_word_, first / 64);
+        last_word_ = std::max(last_word_, last / 64 + 1);
     }
 
     // Zeroes the head and every line written since the last clear (only the part inside the
@@ -56,16 +50,12 @@ class nbcp_touched {
         return first_word_ < last_word_ ? blocks + clear_lines(msg) : blocks;
     }
 
-    // Lines currently recorded as written, the head's included.
-    size_t lines() const;
-
   private:
     size_t clear_lines(nbcp_msg *msg);
 
     static constexpr size_t LINES = sizeof(nbcp_msg) / LINE + 2;
     static constexpr size_t WORDS = (LINES + 63) / 64;
 
-    const nbcp_msg *record_;
     uintptr_t base_;
     size_t head_ = 0;
     std::array<uint64_t, WORDS> words_{};

@@ -165,6 +165,97 @@ TEST(NbcpBuild, NeighborList) {
                "00 17 00 01 50  00 0C 00 01 00  00 3C 00 01 00  00 00");
 }
 
+// One radio writer serves the answer and the list entry: the count goes out as stored, at most
+// four radios follow, and the reader gets both back. At four radios and full strings each
+// message is as long as its stated maximum, and a larger count adds nothing.
+TEST(NbcpBuild, RadioCountAtAndPastFour) {
+    for (uint8_t count : {0, 3, 4, 5, 255}) {
+        SCOPED_TRACE("radiocnt " + std::to_string(count));
+        ap_info info = one_radio_ap();
+        std::memset(info.tenantId, 't', sizeof info.tenantId - 1);
+        std::memset(info.version, 'v', sizeof info.version - 1);
+        std::memset(info.name, 'n', sizeof info.name - 1);
+        info.radiocnt = count;
+        for (uint8_t i = 0; i < AP_RADIO_MAX; ++i) {
+            info.radio[i] = {i, uint8_t(36 + i), uint8_t(20 + i), uint8_t(40 + i), 80};
+        }
+        const uint32_t sent = std::min<uint32_t>(count, AP_RADIO_MAX);
+        const uint32_t strings = NBCP_NDSP_MAX - NBCP_NDSP_BASE_LEN - AP_RADIO_MAX * NBCP_RADIO_LEN;
+
+        out_buffer answer_out;
+        nbcp_ndsp rec{};
+        rec.info = info;
+        const uint32_t answer_len = nbcp_build_ndsp(answer_out.b.data(), &rec);
+        EXPECT_EQ(answer_len, NBCP_NDSP_BASE_LEN + strings + sent * NBCP_RADIO_LEN);
+        EXPECT_LE(answer_len, NBCP_NDSP_MAX);
+        auto msg = std::make_unique<nbcp_msg>();
+        ASSERT_EQ(nbcp_decode(answer_out.b.data(), answer_len, msg.get()), 1);
+
+        out_buffer list_out;
+        local_msg_hdr hdr{};
+        uint32_t list_len = nbcp_list_put(list_out.b.data(), nullptr, &hdr, NBCP_LIST_PIECE_HEADER);
+        const uint32_t entry_len =
+            nbcp_list_put(list_out.b.data() + list_len, &info, nullptr, NBCP_LIST_PIECE_ENTRY);
+        EXPECT_EQ(entry_len, NBCP_LIST_ENTRY_BASE_LEN + strings + sent * NBCP_RADIO_LEN);
+        EXPECT_LE(entry_len, NBCP_LIST_ENTRY_MAX);
+        list_len += entry_len;
+        list_len +=
+            nbcp_list_put(list_out.b.data() + list_len, nullptr, nullptr, NBCP_LIST_PIECE_END);
+        ap_info listed[1] = {};
+        ASSERT_EQ(nbcp_list_read(list_out.b.data(), list_len, listed, 1), 1u);
+
+        for (const ap_info &back : {msg->m.ndsp.info, listed[0]}) {
+            EXPECT_EQ(back.radiocnt, count);
+            for (uint32_t i = 0; i < AP_RADIO_MAX; ++i) {
+                const radio_info want = i < sent ? info.radio[i] : radio_info{};
+                EXPECT_EQ(std::memcmp(&back.radio[i], &want, sizeof want), 0) << "radio " << i;
+            }
+        }
+    }
+}
+
+// Each type walks its body up to its own count of consumed bytes: an element that starts one
+// byte before that count is read, one that starts at it is not.
+TEST(NbcpParse, WalkLimitOfEachType) {
+    struct row {
+        uint8_t type;
+        uint32_t limit;
+        uint16_t code;   // a field of the record's head
+        uint16_t width;  // of its value
+        uint8_t (*first_byte)(const nbcp_msg &);
+    };
+    const row rows[] = {
+        {10, 1008, NDRP_MODE, 1, [](const nbcp_msg &m) { return m.m.ndrp.mode; }},
+        {11, 1008, NDSP_MODE, 1, [](const nbcp_msg &m) { return m.m.ndsp.mode; }},
+        {21, 1008, 15, 1, [](const nbcp_msg &m) { return m.m.kind1.field1; }},
+        {22, 65535, 31, 1, [](const nbcp_msg &m) { return m.m.kind2.field1; }},
+        {23, 1008, 51, 1, [](const nbcp_msg &m) { return m.m.kind3.field1; }},
+        {24, 1008, 70, 6, [](const nbcp_msg &m) { return m.m.kind4.address[0]; }},
+        {25, 2008, 89, 4, [](const nbcp_msg &m) { return uint8_t(m.m.kind5.value >> 24); }},
+        {26, 1008, 81, 1, [](const nbcp_msg &m) { return m.m.kind6.field1; }},
+    };
+    auto msg = std::make_unique<nbcp_msg>();
+    for (const row &r : rows) {
+        for (uint32_t start : {r.limit - 1, r.limit}) {
+            SCOPED_TRACE("type " + std::to_string(r.type) + ", element at " +
+                         std::to_string(start));
+            bytes datagram = {0, 0, 0, r.type, 0, 0, 0, 0, 0, 0};
+            // An unknown element that ends where the known one starts.
+            const uint32_t filler = start - NBCP_TL_LEN;
+            datagram.insert(datagram.end(), {0xFF, 0xFF, uint8_t(filler >> 8), uint8_t(filler)});
+            datagram.resize(datagram.size() + filler, 0xEE);
+            datagram.insert(datagram.end(),
+                            {uint8_t(r.code >> 8), uint8_t(r.code), 0, uint8_t(r.width)});
+            datagram.resize(datagram.size() + r.width, 0x5A);
+            datagram.insert(datagram.end(), {0, 0});
+            const std::unique_ptr<uint8_t[]> copy = exact_copy(datagram);
+            nbcp_msg_reset(msg.get(), copy.get(), datagram.size());
+            ASSERT_EQ(nbcp_decode(copy.get(), datagram.size(), msg.get()), 1);
+            EXPECT_EQ(r.first_byte(*msg), start < r.limit ? 0x5A : 0);
+        }
+    }
+}
+
 // The fields after the four radio slots, which no answer or list entry here carries.
 bool after_radios_clear(const ap_info &info) {
     return info.pvc_ip == 0 && info.cluster_id == 0 && info.pvc_mac == mac_addr{} &&
