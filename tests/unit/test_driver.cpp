@@ -2,6 +2,7 @@
 // hostile ones included, as the receive thread handles them.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -21,9 +22,12 @@ using namespace ntest;
 // Header of every message (host order, little-endian on the build machines): length 48,
 // type 27, flags 0, sequence 0, port id 4.
 bytes header_and(const bytes &payload_start) {
-    bytes out = {48, 0, 0, 0, 27, 0, 0, 0, 0, 0, 0, 0, 4, 0, 0, 0};
-    out.insert(out.end(), payload_start.begin(), payload_start.end());
-    out.resize(48);
+    constexpr size_t HEADER_LEN = 16, MESSAGE_LEN = 48;
+    const uint8_t header[HEADER_LEN] = {48, 0, 0, 0, 27, 0, 0, 0, 0, 0, 0, 0, 4, 0, 0, 0};
+    bytes out(MESSAGE_LEN, 0);
+    std::copy(header, header + HEADER_LEN, out.begin());
+    std::copy_n(payload_start.begin(), std::min(payload_start.size(), MESSAGE_LEN - HEADER_LEN),
+                out.begin() + HEADER_LEN);
     return out;
 }
 
