@@ -65,20 +65,32 @@ def test_daemon_sockets_and_a_second_daemon(node):
 # Runs as an unprivileged user ("nobody") inside the AP.
 AS_NOBODY = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", sys.executable, "-c"]
 
-# Binds the driver's port id (4) of the netlink protocol, then prints the size of the first
-# message that arrives there.
+# Binds the driver's port id (4) of the netlink protocol argv[1], then prints the size of the
+# first message that arrives there.
 PORT_HOLDER = """
-import socket
-holder = socket.socket(socket.AF_NETLINK, socket.SOCK_RAW, %d)
+import socket, sys
+holder = socket.socket(socket.AF_NETLINK, socket.SOCK_RAW, int(sys.argv[1]))
 holder.bind((%d, 0))
 print("bound", flush=True)
 holder.settimeout(20)
 print(len(holder.recv(65535)), flush=True)
-""" % (drvproto.NETLINK_USERSOCK, drvproto.DAEMON_PORT)
+""" % drvproto.DAEMON_PORT
+
+# Sends 16 bytes to port id 4 of the netlink protocol argv[1]; prints "sent" or why not.
+PORT_SENDER = """
+import socket, sys
+with socket.socket(socket.AF_NETLINK, socket.SOCK_RAW, int(sys.argv[1])) as sender:
+    try:
+        sender.sendto(bytes(16), (%d, 0))
+        print("sent")
+    except OSError as error:
+        print(error.strerror)
+""" % drvproto.DAEMON_PORT
+NETLINK_ROUTE = 0  # a kernel protocol that, like the driver's, takes no unprivileged senders
 
 
 def test_a_process_holding_the_driver_port_keeps_the_daemon_out(node):
-    holder = node.popen(AS_NOBODY + [PORT_HOLDER], stdout=subprocess.PIPE, text=True)
+    holder = node.popen(AS_NOBODY + [PORT_HOLDER, str(drvproto.NETLINK_USERSOCK)], stdout=subprocess.PIPE, text=True)
     try:
         assert holder.stdout.readline() == "bound\n"
         daemon = node.start_daemon(["-D"], wait=False)
@@ -90,6 +102,27 @@ def test_a_process_holding_the_driver_port_keeps_the_daemon_out(node):
         holder.kill()
         holder.wait()
 
+
+
+# Protocol 27 has no kernel side here, so the kernel's rule is shown on another kernel protocol.
+@pytest.mark.parametrize("protocol, sender, outcome", [
+    (NETLINK_ROUTE, AS_NOBODY, "Operation not permitted"),
+    (NETLINK_ROUTE, [sys.executable, "-c"], "sent"),
+    (drvproto.NETLINK_USERSOCK, AS_NOBODY, "sent"),
+], ids=["kernel-protocol-nobody", "kernel-protocol-root", "lab-stand-in-nobody"])
+def test_only_privileged_processes_send_to_a_port_of_a_kernel_netlink_protocol(
+        node, protocol, sender, outcome):
+    holder = node.popen([sys.executable, "-c", PORT_HOLDER, str(protocol)],
+                        stdout=subprocess.PIPE, text=True)
+    try:
+        assert holder.stdout.readline() == "bound\n"
+        sent = node.exec(sender + [PORT_SENDER, str(protocol)], timeout=SHORT)
+        assert sent.stdout == outcome + "\n"
+        if outcome == "sent":
+            assert int(holder.stdout.readline()) == 16
+    finally:
+        holder.kill()
+        holder.wait()
 
 def neighbor_list_reply(mac, name):
     """A list reply (operation 51) of one neighbor, element by element."""
