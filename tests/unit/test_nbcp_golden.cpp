@@ -430,8 +430,12 @@ struct tlv {
     }
 };
 
-tlv datagram(uint8_t type) { return {{0, 0, 0, type, 0, 0, 0, 0, 0, 0}}; }
-tlv list_reply() { return {{0, 0, 0, 0, 51, 0, 0, 0}}; }
+tlv datagram(uint8_t type) {
+    return {{0, 0, 0, type, 0, 0, 0, 0, 0, 0}};
+}
+tlv list_reply() {
+    return {{0, 0, 0, 0, 51, 0, 0, 0}};
+}
 
 // A list of count entries whose addresses number them from 10.0.0.0.
 bytes numbered_list(uint32_t count) {
@@ -497,8 +501,8 @@ std::vector<built_row> hostile_rows() {
     const uint16_t list_codes[] = {13, 14, 15, 16, 23, 12};
     for (uint8_t count : {4, 5}) {
         for (int fields_sent : {5, 2}) {
-            const std::string name = std::to_string(count) + " radios of " +
-                                     std::to_string(fields_sent) + " fields";
+            const std::string name =
+                std::to_string(count) + " radios of " + std::to_string(fields_sent) + " fields";
             tlv answer = datagram(11).u8(135, 2).str(142, "before").u8(143, count);
             tlv list = list_reply().u32(6, 1).u8(11, count);
             for (uint8_t i = 0; i < count; ++i) {
@@ -547,15 +551,15 @@ std::vector<built_row> walk_limit_rows() {
     for (const auto &w : walks) {
         for (uint32_t start : {w.limit - 1, w.limit}) {
             const std::string unread = w.read.substr(0, w.read.rfind(' '));
-            rows.push_back({"type " + std::to_string(w.type) + ", element at " +
-                                std::to_string(start),
-                            &decoded_alone,
-                            datagram(w.type)
-                                .el(0xFFFF, bytes(start - NBCP_TL_LEN, 0xEE))
-                                .el(w.code, bytes(w.width, 0x5A))
-                                .end()
-                                .b,
-                            start < w.limit ? w.read : unread});
+            rows.push_back(
+                {"type " + std::to_string(w.type) + ", element at " + std::to_string(start),
+                 &decoded_alone,
+                 datagram(w.type)
+                     .el(0xFFFF, bytes(start - NBCP_TL_LEN, 0xEE))
+                     .el(w.code, bytes(w.width, 0x5A))
+                     .end()
+                     .b,
+                 start < w.limit ? w.read : unread});
         }
     }
     return rows;
