@@ -47,12 +47,11 @@ class probe_capture {
         msg.msg_controllen = sizeof control;
         ssize_t n = recvmsg(fd_, &msg, 0);
         got.bytes.resize(n > 0 ? static_cast<size_t>(n) : 0);
-        for (cmsghdr *c = CMSG_FIRSTHDR(&msg); c != nullptr; c = CMSG_NXTHDR(&msg, c)) {
-            if (c->cmsg_level == IPPROTO_IP && c->cmsg_type == IP_PKTINFO) {
-                in_pktinfo info;
-                memcpy(&info, CMSG_DATA(c), sizeof info);
-                got.dest = inet_ntoa(info.ipi_addr);
-            }
+        // IP_PKTINFO is the only ancillary data the socket asks for.
+        if (cmsghdr *c = CMSG_FIRSTHDR(&msg); c != nullptr && c->cmsg_type == IP_PKTINFO) {
+            in_pktinfo info;
+            memcpy(&info, CMSG_DATA(c), sizeof info);
+            got.dest = inet_ntoa(info.ipi_addr);
         }
         return got;
     }

@@ -1,7 +1,9 @@
-// The decoder's records field by field: each seed of the fuzz corpora against the fields its
-// bytes carry by the formats, and a seeded stream of random datagrams of every type, decoded in
-// one reused area as the receive thread does, against the same datagrams decoded alone. A
-// failure names the seed or the datagram, and the field.
+// The decoder's records field by field: each seed of the fuzz corpora and each hostile datagram
+// or list built here (lengths that lie, texts and radios at their limits and past them, every
+// type's walk limit) against the fields its bytes carry by the formats, and a seeded stream of
+// random datagrams of every type, decoded in one reused area as the receive thread does,
+// against the same datagrams decoded alone. A failure names the row or the datagram, and the
+// field.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -20,8 +22,11 @@
 #include <type_traits>
 #include <vector>
 
+#include "core/local_msg.h"
 #include "core/recv_area.h"
 #include "proto/nbcp.h"
+#include "proto/nbcp_codes.h"
+#include "proto/nbcp_wire.h"
 
 namespace {
 
@@ -267,25 +272,26 @@ fields expect(const std::string &named) {
     return out;
 }
 
-// A seed's radios: radio i carries 10i, 10i+1, ... in its fields, in the order of the format.
-std::string radios(const std::string &prefix, int count) {
+// A seed's radios: radio i carries 10i, 10i+1, ... in its fields, in the order of the format;
+// short radios carry only the first two (id and channel).
+std::string radios(const std::string &prefix, int count, int fields_sent = 5) {
     const char *order[] = {"radioid", "channel", "txpower", "rssi", "bandwidth"};
     std::string out;
     for (int i = 0; i < std::min(count, AP_RADIO_MAX); ++i) {
-        for (int k = 0; k < 5; ++k) {
+        for (int k = 0; k < fields_sent; ++k) {
             out += " " + at(prefix, size_t(i)) + "." + order[k] + "=" + std::to_string(10 * i + k);
         }
     }
     return out;
 }
 
-// ndsp(radiocnt, sent) of the corpus script.
-std::string answer(int radiocnt, int sent) {
+// ndsp(radiocnt) of the corpus script.
+std::string answer(int radiocnt) {
     return "kind=11 hdr.type=11 kind_flag=1 mode=3 ip=0xc0a8010a mac=MAC pvc_ip=0xc0a80101 "
            "cluster_id=0x2a pvc_mac=MAC cluster_flag=1 info.ip=0xc0a8010a info.ip6=IP6 "
            "info.qv_ip=0xa000001 info.mac=MAC info.tenantId=tenant-1 info.version=2.4.1.1000 "
            "info.name=AP-Lobby info.radiocnt=" +
-           std::to_string(radiocnt) + radios("info.radio", sent);
+           std::to_string(radiocnt) + radios("info.radio", radiocnt);
 }
 
 // list_entry(radiocnt, name) of the corpus script, as entry i of the reader's array.
@@ -306,13 +312,8 @@ std::map<std::string, std::string> parse_seeds_expected() {
     return {
         {"ndrp_golden", "kind=10 hdr.type=10 ip=0xc0a8010a mac=MAC"},
         {"ndrp_mode3", "kind=10 hdr.type=10 mode=3 ip=0xc0a8010a mac=MAC"},
-        {"ndsp_no_radio", answer(0, 0)},
-        {"ndsp_four_radios", answer(4, 4)},
-        {"ndsp_six_radios", answer(6, 6)},
-        {"ndsp_no_terminator", answer(2, 2)},
-        {"ndsp_radio_count_above_sent", answer(3, 1)},
-        // The name keeps its field's 31 characters and its NUL.
-        {"ndsp_long_name", "kind=11 hdr.type=11 info.state=2 info.name=" + std::string(31, 'n')},
+        {"ndsp_no_radio", answer(0)},
+        {"ndsp_no_terminator", answer(2)},
         {"unknown_type_12", "kind=12 hdr.type=12"},
         {"kind1_tlv",
          "kind=1 hdr.type=21 field1=1 address=MAC field5=5 item_count=2 items[0]=00010203 "
@@ -376,9 +377,7 @@ std::map<std::string, std::string> list_seeds_expected() {
     return {
         {"list_empty", "count=0"},
         {"list_two_entries", "count=0x2" + list_entry(0, 0, "AP-1") + list_entry(1, 2, "AP-2")},
-        {"list_four_radios", "count=0x1" + list_entry(0, 4, "AP-1")},
         {"list_no_terminator", "count=0x1" + list_entry(0, 1, "AP-1")},
-        {"list_six_radios_entry", "count=0x1" + list_entry(0, 6, "AP-1")},
         // The second entry's fields are stored, but without its close it is not counted.
         {"list_unclosed_entry", "count=0x1" + list_entry(0, 1, "AP-1") + list_entry(1, 1, "AP-1")},
         {"list_long", long_list},
@@ -400,13 +399,170 @@ fields decoded_alone(const bytes &datagram) {
 // The reader's array as `tarn show` holds it (67 entries), and the count it returned.
 fields list_read(const bytes &reply) {
     constexpr size_t CAPACITY = 67;
+    const bytes copy = reply;
     std::vector<ap_info> entries(CAPACITY);
     field_list f;
-    f.put("count", uint32_t(nbcp_list_read(reply.data(), reply.size(), entries.data(), CAPACITY)));
+    f.put("count", uint32_t(nbcp_list_read(copy.data(), copy.size(), entries.data(), CAPACITY)));
     for (size_t i = 0; i < CAPACITY; ++i) {
         f.put(at("entries", i), entries[i]);
     }
     return f.got;
+}
+
+// A datagram or list reply written element by element after its header; an element's length
+// field need not match its value.
+struct tlv {
+    bytes b;
+    tlv &el(uint16_t code, const bytes &value, int len = -1) {
+        const auto n = static_cast<uint16_t>(len < 0 ? value.size() : size_t(len));
+        b.insert(b.end(), {uint8_t(code >> 8), uint8_t(code), uint8_t(n >> 8), uint8_t(n)});
+        b.insert(b.end(), value.begin(), value.end());
+        return *this;
+    }
+    tlv &u8(uint16_t code, uint8_t v) { return el(code, {v}); }
+    tlv &u32(uint16_t code, uint32_t v) {
+        return el(code, {uint8_t(v >> 24), uint8_t(v >> 16), uint8_t(v >> 8), uint8_t(v)});
+    }
+    tlv &str(uint16_t code, const std::string &s) { return el(code, bytes(s.begin(), s.end())); }
+    tlv &end() {
+        b.insert(b.end(), {0, 0});
+        return *this;
+    }
+};
+
+tlv datagram(uint8_t type) {
+    return {{0, 0, 0, type, 0, 0, 0, 0, 0, 0}};
+}
+tlv list_reply() {
+    return {{0, 0, 0, 0, 51, 0, 0, 0}};
+}
+
+// A list of count entries whose addresses number them from 10.0.0.0.
+bytes numbered_list(uint32_t count) {
+    bytes out(NBCP_LIST_MAX, 0);
+    local_msg_hdr hdr{};
+    uint32_t off = nbcp_list_put(out.data(), nullptr, &hdr, NBCP_LIST_PIECE_HEADER);
+    for (uint32_t i = 0; i < count; ++i) {
+        ap_info ap{};
+        ap.ip = 0x0A000000 + i;
+        off += nbcp_list_put(out.data() + off, &ap, nullptr, NBCP_LIST_PIECE_ENTRY);
+    }
+    off += nbcp_list_put(out.data() + off, nullptr, nullptr, NBCP_LIST_PIECE_END);
+    out.resize(off);
+    return out;
+}
+
+struct built_row {
+    std::string name;
+    fields (*decode)(const bytes &);
+    bytes input;
+    std::string expected;
+};
+
+// Answers and lists whose lengths lie or whose texts and radios are at their limits and past.
+std::vector<built_row> hostile_rows() {
+    const std::string ndsp = "kind=11 hdr.type=11 ";
+    // Texts at their fields' capacity less one (name 31, version 15, tenant 63), and one more,
+    // which is cut there; the element after them is read.
+    auto texts = [](size_t extra) {
+        return datagram(11)
+            .str(142, std::string(31 + extra, 'n'))
+            .str(141, std::string(15 + extra, 'v'))
+            .str(154, std::string(63 + extra, 't'))
+            .u8(135, 7)
+            .end()
+            .b;
+    };
+    const std::string texts_kept = ndsp + "mode=7 info.name=" + std::string(31, 'n') +
+                                   " info.version=" + std::string(15, 'v') +
+                                   " info.tenantId=" + std::string(63, 't');
+    std::string first_67 = "count=0x43";
+    for (uint8_t i = 0; i < 67; ++i) {
+        first_67 += " " + at("entries", i) + ".ip=0xa0000" + hex(&i, 1);
+    }
+    std::vector<built_row> rows = {
+        {"texts that fit", &decoded_alone, texts(0), texts_kept},
+        {"texts one too long", &decoded_alone, texts(1), texts_kept},
+        {"string longer than the datagram", &decoded_alone,
+         datagram(11).el(142, {'a', 'b'}, 9000).b, ndsp + "info.name=ab"},
+        {"fixed-width elements ignore their length field", &decoded_alone,
+         datagram(11).el(135, {3}, 4).el(136, {0, 0, 1, 2}, 1).end().b, ndsp + "mode=3 ip=0x102"},
+        {"fewer radios than promised run on to the walk limit", &decoded_alone,
+         datagram(11).u8(143, 2).u8(145, 1).u8(144, 0).end().u8(135, 3).b,
+         ndsp + "info.radiocnt=2 info.radio[0].radioid=1"},
+        // The client's 67 entries: a list of 67 fills them, one of 68 stops at them.
+        {"count at the capacity", &list_read, numbered_list(67), first_67},
+        {"count one past the capacity", &list_read, numbered_list(68), first_67},
+    };
+    // Four radios, whole or only id and channel, are all kept; of five, four are kept, the
+    // count is stored and what follows is read: in an answer, and in a list entry followed by
+    // an unknown element and a second entry. Codes in the order of radios(), then the close.
+    const uint16_t answer_codes[] = {145, 146, 147, 148, 155, 144};
+    const uint16_t list_codes[] = {13, 14, 15, 16, 23, 12};
+    for (uint8_t count : {4, 5}) {
+        for (int fields_sent : {5, 2}) {
+            const std::string name =
+                std::to_string(count) + " radios of " + std::to_string(fields_sent) + " fields";
+            tlv answer = datagram(11).u8(135, 2).str(142, "before").u8(143, count);
+            tlv list = list_reply().u32(6, 1).u8(11, count);
+            for (uint8_t i = 0; i < count; ++i) {
+                for (int k = 0; k < fields_sent; ++k) {
+                    answer.u8(answer_codes[k], uint8_t(10 * i + k));
+                    list.u8(list_codes[k], uint8_t(10 * i + k));
+                }
+                answer.u8(answer_codes[5], 0);
+                list.u8(list_codes[5], 0);
+            }
+            const std::string radiocnt = "radiocnt=" + std::to_string(count);
+            rows.push_back({name + " in an answer", &decoded_alone, answer.str(141, "v2").end().b,
+                            ndsp + "mode=2 info.name=before info.version=v2 info." + radiocnt +
+                                radios("info.radio", count, fields_sent)});
+            rows.push_back({name + " in a list entry", &list_read,
+                            list.el(99, bytes(300, 0xEE)).u8(60, 0).u32(6, 2).u8(60, 0).end().b,
+                            "count=0x2 entries[0].ip=0x1 entries[0]." + radiocnt +
+                                radios("entries[0].radio", count, fields_sent) +
+                                " entries[1].ip=0x2"});
+        }
+    }
+    return rows;
+}
+
+// Each type walks its body up to its own count of consumed bytes: an element that starts one
+// byte before that count is read, one that starts at it is not. An unknown element fills the
+// body up to it.
+std::vector<built_row> walk_limit_rows() {
+    const struct {
+        uint8_t type;
+        uint32_t limit;
+        uint16_t code;  // a field of the record's head
+        uint16_t width;
+        std::string read;  // the fields it gives, after the kind and the header
+    } walks[] = {
+        {10, 1008, NDRP_MODE, 1, "kind=10 hdr.type=10 mode=90"},
+        {11, 1008, NDSP_MODE, 1, "kind=11 hdr.type=11 mode=90"},
+        {21, 1008, 15, 1, "kind=1 hdr.type=21 field1=90"},
+        {22, 65535, 31, 1, "kind=2 hdr.type=22 field1=90"},
+        {23, 1008, 51, 1, "kind=3 hdr.type=23 field1=90"},
+        {24, 1008, 70, 6, "kind=4 hdr.type=24 address=5a5a5a5a5a5a"},
+        {25, 2008, 89, 4, "kind=5 hdr.type=25 value=0x5a5a5a5a"},
+        {26, 1008, 81, 1, "kind=6 hdr.type=26 field1=90"},
+    };
+    std::vector<built_row> rows;
+    for (const auto &w : walks) {
+        for (uint32_t start : {w.limit - 1, w.limit}) {
+            const std::string unread = w.read.substr(0, w.read.rfind(' '));
+            rows.push_back(
+                {"type " + std::to_string(w.type) + ", element at " + std::to_string(start),
+                 &decoded_alone,
+                 datagram(w.type)
+                     .el(0xFFFF, bytes(start - NBCP_TL_LEN, 0xEE))
+                     .el(w.code, bytes(w.width, 0x5A))
+                     .end()
+                     .b,
+                 start < w.limit ? w.read : unread});
+        }
+    }
+    return rows;
 }
 
 // The fuzz corpora of this source tree.
@@ -422,6 +578,14 @@ TEST(NbcpGolden, SeedsGiveTheFieldsTheirBytesCarry) {
             const bytes seed(std::istreambuf_iterator<char>(in), {});
             ASSERT_FALSE(seed.empty()) << "no seed " << target << "/" << name;
             EXPECT_EQ(differences(decode(seed), expect(expected)), "") << target << "/" << name;
+        }
+    }
+}
+
+TEST(NbcpGolden, HostileDatagramsAndWalkLimitsGiveTheFieldsTheirBytesCarry) {
+    for (const auto &rows : {hostile_rows(), walk_limit_rows()}) {
+        for (const built_row &row : rows) {
+            EXPECT_EQ(differences(row.decode(row.input), expect(row.expected)), "") << row.name;
         }
     }
 }
