@@ -1,6 +1,6 @@
 """The program's command line and its local socket against real daemons: the daemon's sockets,
-the four show tables (static neighbors loaded from the file at start), get/set rssi, and what
-each client command line sends to the daemon's socket, or prints instead."""
+the four show tables (static neighbors loaded from the file at start), the printed rssi, and
+what each client command line sends to the daemon's socket, or prints instead."""
 
 import os
 import signal
@@ -130,14 +130,6 @@ def test_any_local_user_can_answer_show_before_the_daemon(node):
     assert forger.stdout == "0o777\n", forger.stderr
     forged_rows = [line.split() for line in shown.splitlines() if "forged" in line]
     assert len(forged_rows) == 1 and forged_rows[0][0] == "02:66:66:66:66:66", shown
-
-
-# The default it prints first is checked beside a second daemon.
-def test_get_rssi_prints_the_value_set(node):
-    start(node)
-    assert node.tarn("set", "rssi", "44", timeout=SHORT).returncode == 0
-    node.wait_log(r"handle_recvmsg: operation=4\b")
-    assert node.tarn("get", "rssi", timeout=SHORT).stdout == "current rssi  limit:44\n"
 
 
 def test_show_without_a_daemon_prints_nothing_after_its_time_out(node):
