@@ -240,10 +240,9 @@ TEST(StaticFile, LoadsReversedAndWritesTheFormattedTextInLowerCase) {
               "\t\t}]\n}");
 }
 
-void push_node(const std::string &mac, const char *ip, uint8_t state) {
+void push_node(const std::string &mac, const char *ip, uint8_t state = AP_STATE_STATIC_OFFLINE) {
     static_member *node = static_member_new();
-    parse_mac_text(mac.c_str(), node->info.mac);
-    node->info.ip = inet_addr(ip);
+    node->info = record(mac, ip);
     node->info.state = state;
     std::lock_guard<std::mutex> guard(stngbr_lock);
     static_member_push(node);
@@ -264,26 +263,21 @@ TEST(StaticUpdate, TimerMarksEveryNodeOfflineAndProbesIt) {
             out += " probe " + got->dest + " m" +
                    (got->bytes.size() == 60 ? num(got->bytes[19]) : "?");
         }
-        std::lock_guard<std::mutex> guard(stngbr_lock);
-        for (static_member *node = static_member_list.head; node != nullptr; node = node->next) {
-            out += " " + num(node->info.state);
-        }
-        return out;
+        return out + " | " + list_text();
     });
-    EXPECT_EQ(seen, "120 s: probe 127.0.0.2 m3 probe 127.0.0.1 m3 4 4");
+    EXPECT_EQ(seen, "120 s: probe 127.0.0.2 m3 probe 127.0.0.1 m3 | " + nodes({2}, "127.0.0.2") +
+                        "; " + nodes({1}, "127.0.0.1"));
 }
 
 // A process killed at any moment while it saves never leaves a torn or empty file: after each
 // of 200 kills at random moments the file is the complete old or the complete new version.
 void set_list(int variant) {
-    std::lock_guard<std::mutex> guard(stngbr_lock);
-    static_member_clear();
+    {
+        std::lock_guard<std::mutex> guard(stngbr_lock);
+        static_member_clear();
+    }
     for (int i = 0; i < (variant == 0 ? 3 : 6); ++i) {
-        static_member *node = static_member_new();
-        node->info.mac = {0x02, static_cast<uint8_t>(variant), 0, 0, 0, static_cast<uint8_t>(i)};
-        node->info.ip = 0x0100000A + static_cast<uint32_t>(i << 24);
-        node->info.ip6[0] = 0xfd;
-        static_member_push(node);
+        push_node(mac_n(0x10 * variant + i), ("10.0.0." + num(i + 1)).c_str());
     }
 }
 
