@@ -33,10 +33,6 @@ inline std::string run(const std::function<std::string()> &body) {
     });
 }
 
-inline void set_cluster_mode(bool cluster) {
-    sandbox::write_file("/tmp/mode", cluster ? "CLUSTER\n" : "FIT\n");
-}
-
 // The recorded command lines of a stand-in ("ubus" or "uci"), one per line.
 inline std::string calls(const std::string &command) {
     return sandbox::read_file("/tmp/calls." + command);

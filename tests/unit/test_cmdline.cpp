@@ -81,11 +81,12 @@ const form FORMS[] = {
     {{"set", "count"}, "exit 0", COUNT},
     {{"set", "RSSI", "10"}, "exit 0", ""},
     {{"get", "rssi"}, "client 3 0", ""},
+    {{"get", "foo"}, "exit 0", ""},
     {{"static"}, "exit 0", ""},
+    {{"show"}, "client 5 0", ""},
     {{"show", "cluster"}, "client 5 1", ""},
     {{"show", "neighbor"}, "client 5 3", ""},
     {{"show", "xyz"}, "client 5 0", ""},
-    {{"-V", "7"}, "daemon | V7 R5 n64", ""},
     {{"-V", "0"}, "exit 0 | V0 R5 n64", ""},
     // Values equal to a default follow another value, so that a value not stored shows.
     {{"-V", "9", "-V", "1"}, "daemon" + DEFAULTS, ""},

@@ -105,7 +105,7 @@ bytes probe_request(uint32_t host_order_ip) {
     return out;
 }
 
-// The neighbor list waiting at fd as "list of n", else the probe waiting at probes, or "-" when
+// The rssi or the neighbor list waiting at fd, else the probe waiting at probes, or "-" when
 // there is none.
 std::string answer(int fd, int probes) {
     bytes data(70000);
@@ -113,6 +113,9 @@ std::string answer(int fd, int probes) {
     if (n <= 0) {
         n = recv(probes, data.data(), data.size(), MSG_DONTWAIT);
         return n == NBCP_NDRP_LEN ? "probe mode " + std::to_string(data[19]) : "-";
+    }
+    if (data[4] == TARN_MSG_GET_RSSI) {
+        return "rssi " + std::to_string(data[0]);
     }
     std::array<ap_info, NGB_HASH_SIZE> entries{};
     size_t count = nbcp_list_read(data.data(), size_t(n), entries.data(), entries.size());
@@ -129,6 +132,7 @@ TEST(LocalControl, RequestsEffectsAndAnswers) {
         std::string expected;
     } steps[] = {
         {message(TARN_MSG_SET_RSSI, 44), 3, "- 0 | 4:44"},
+        {message(TARN_MSG_GET_RSSI), 0, "rssi 44 0 | -"},
         {message(TARN_MSG_SET_VERSION, 3), 3, "- 0 | 1:3 4:44"},
         {message(TARN_MSG_SET_NGBR_NUM, 200), 2, "- 0 | 5:200"},
         {message(TARN_MSG_SET_NGBR_NUM, 200), 2, "- 2 | -"},  // unchanged: no effect
