@@ -26,15 +26,11 @@ procd_set_param() {
 	fi
 }
 
-# procd_append_param NAME VALUE...: adds values to a list parameter (the command line).
+# procd_append_param command VALUE...: adds values to the command line (the only list
+# parameter a service script here appends to).
 procd_append_param() {
-	local name="$1"
 	shift
-	if [ "$name" = command ]; then
-		procd_command="$procd_command $*"
-	else
-		procd_params="$procd_params $name+=$*"
-	fi
+	procd_command="$procd_command $*"
 }
 
 procd_close_instance() {
