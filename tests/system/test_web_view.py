@@ -2,10 +2,10 @@
 standalone page (refresh floor, notice, rows, hostile texts) and the LuCI view in a stand-in of
 LuCI's loader (its poll period and the calls its buttons make)."""
 
+import functools
 import http.server
 import json
 import os
-import shutil
 import tempfile
 import threading
 
@@ -53,9 +53,6 @@ def document(*neighbors):
 def server():
     """The page's files on 127.0.0.1, with `server.answer` (status, body) in place of the CGI."""
     class Handler(http.server.SimpleHTTPRequestHandler):
-        def __init__(self, *args):
-            super().__init__(*args, directory=httpd.root)
-
         def do_GET(self):
             if not self.path.startswith(web.CGI_PATH):
                 return super().do_GET()
@@ -69,14 +66,14 @@ def server():
         def log_message(self, *args):
             pass
 
-    httpd = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
-    httpd.root = web.assemble(tempfile.mkdtemp(prefix="tarn-www-"), LUCI_FILES)
-    httpd.base = f"http://127.0.0.1:{httpd.server_address[1]}"
-    threading.Thread(target=httpd.serve_forever, daemon=True).start()
-    yield httpd
-    httpd.shutdown()
-    httpd.server_close()
-    shutil.rmtree(httpd.root, ignore_errors=True)
+    with tempfile.TemporaryDirectory(prefix="tarn-www-") as root:
+        handler = functools.partial(Handler, directory=web.assemble(root, LUCI_FILES))
+        httpd = http.server.ThreadingHTTPServer(("127.0.0.1", 0), handler)
+        httpd.base = f"http://127.0.0.1:{httpd.server_address[1]}"
+        threading.Thread(target=httpd.serve_forever, daemon=True).start()
+        yield httpd
+        httpd.shutdown()
+        httpd.server_close()
 
 
 @pytest.fixture(scope="module")
