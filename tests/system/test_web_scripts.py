@@ -31,9 +31,10 @@ def run(tmp_path):
 
     def run_script(script, *args, stdout="", stderr="", status=0, present=True, method="GET"):
         if present:
-            (tmp_path / "tarn-info").write_text(
-                f"#!/bin/busybox sh\nprintf '%s' {quote(stdout)}\n"
-                f"printf '%s' {quote(stderr)} >&2\nexit {status}\n")
+            (tmp_path / "out").write_text(stdout)
+            (tmp_path / "err").write_text(stderr)
+            (tmp_path / "tarn-info").write_text(f"#!/bin/busybox sh\ncat {tmp_path}/out\n"
+                                                f"cat {tmp_path}/err >&2\nexit {status}\n")
             (tmp_path / "tarn-info").chmod(0o755)
         # Bytes, decoded here: text mode would turn the CGI's CRLF into LF.
         result = subprocess.run(["/bin/busybox", "sh", script, *args], capture_output=True,
@@ -41,10 +42,6 @@ def run(tmp_path):
                                      "TMPDIR": "/tmp"}, timeout=30, stdin=subprocess.DEVNULL)
         return result.returncode, result.stdout.decode(), result.stderr.decode()
     return run_script
-
-
-def quote(text):
-    return "'" + text.replace("'", "'\\''") + "'"
 
 
 @pytest.mark.parametrize("stand_in, code, error", [
