@@ -25,16 +25,21 @@ reload tarn-metrics on tarn
 open tarn-metrics
 reload tarn-metrics on tarn"
 
-# options ('' for none) | the interval passed, '-' for no instance | the interval refused
+# options ('' for none) | the interval passed, '-' for no instance | the interval refused.
+# A file left from an earlier run would be served as current: a start without an instance
+# removes it, one with an instance leaves it to the writer.
+prom=/var/prometheus/tarn.prom
 while IFS='|' read -r options interval refused; do
 	reset
 	write_config "$options"
+	mkdir -p /var/prometheus && echo 'tarn_up 1' >$prom
 	service start
-	expected=""
-	[ "$interval" = - ] || expected="$writer $interval | respawn= stderr=1"
+	expected="|"
+	[ "$interval" = - ] || expected="$writer $interval | respawn= stderr=1|tarn_up 1"
 	[ -z "$refused" ] ||
 		refused="tarn-metrics: interval '$refused' is not 5-3600 seconds: using 15"
-	check "options [$options]" "$(instance)|$(syslog)" "$expected|$refused"
+	check "options [$options]" "$(instance)|$(cat $prom 2>/dev/null)|$(syslog)" \
+		"$expected|$refused"
 done <<'TABLE'
 |-|
 enabled 'maybe'; interval '60'|-|
@@ -47,20 +52,12 @@ enabled '1'; interval '3601'|15|3601
 enabled '1'; interval '0005'|5|
 TABLE
 
-# A file left from an earlier run would be served as current: a disabled start and a stop remove
-# it; an enabled start makes the directory and leaves a current file alone.
-prom=/var/prometheus/tarn.prom
-mkdir -p /var/prometheus && echo 'tarn_up 1' >$prom
-write_config "enabled '0'"
-service start
-check "disabled start" "$(ls /var/prometheus)" ""
-rmdir /var/prometheus
+# An enabled start makes the writer's directory; a stop removes the file.
+rm -rf /var/prometheus
 write_config "enabled '1'"
 service start
 check "enabled start" "$(stat -c %F /var/prometheus)" "directory"
 echo 'tarn_up 1' >$prom
-service start
-check "enabled start again" "$(cat $prom)" "tarn_up 1"
 service stop
 check "stop" "$(ls /var/prometheus)" ""
 
