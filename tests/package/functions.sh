@@ -1,8 +1,6 @@
 # Stand-in for OpenWrt's /lib/functions.sh: the UCI helpers a service script calls, with their
-# documented behaviour. config_load NAME reads NAME when it is an absolute path, else
-# ${UCI_CONFIG_DIR:-/etc/config}/NAME, in UCI's file format ("config TYPE 'NAME'",
-# "option NAME 'VALUE'", quoted or bare, # comments); while an image is assembled
-# ($IPKG_INSTROOT set) it loads nothing.
+# documented behaviour. config_load NAME reads ${UCI_CONFIG_DIR:-/etc/config}/NAME in UCI's file
+# format ("config TYPE 'NAME'", "option NAME 'VALUE'", quoted or bare, # comments).
 
 # Drops one pair of enclosing single or double quotes.
 uci_unquote() {
@@ -14,10 +12,6 @@ uci_unquote() {
 
 config_load() {
 	local file="${UCI_CONFIG_DIR:-/etc/config}/$1" keyword name value section='' unquoted
-	[ -z "${IPKG_INSTROOT-}" ] || return 0
-	case "$1" in
-	/*) file=$1 ;;
-	esac
 	[ -f "$file" ] || return 1
 	while read -r keyword name value; do
 		case "$keyword" in

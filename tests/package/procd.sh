@@ -1,8 +1,8 @@
 # Stand-in for OpenWrt's /lib/functions/procd.sh: instead of sending the service's definition to
 # procd over the bus, it writes what procd would be told under $PROCD_STATE_DIR:
 #   SERVICE      one line per instance: "command ARGS... | param=value ..."
-#   journal      one line per call that reaches procd: "open SERVICE", "kill SERVICE",
-#                "reload SERVICE on CONFIG" (a reload trigger)
+#   journal      one line per definition procd is sent: "open SERVICE", then
+#                "reload SERVICE on CONFIG" for each reload trigger
 
 procd_open_service() {
 	procd_service=$1
@@ -26,15 +26,11 @@ procd_set_param() {
 	fi
 }
 
-# procd_append_param NAME VALUE...: adds values to a list parameter (the command line).
+# procd_append_param command VALUE...: adds values to the command line (the only list
+# parameter a service script here appends to).
 procd_append_param() {
-	local name="$1"
 	shift
-	if [ "$name" = command ]; then
-		procd_command="$procd_command $*"
-	else
-		procd_params="$procd_params $name+=$*"
-	fi
+	procd_command="$procd_command $*"
 }
 
 procd_close_instance() {
@@ -61,5 +57,4 @@ procd_close_service() {
 # procd_kill SERVICE: procd ends the service's instances.
 procd_kill() {
 	rm -f "$PROCD_STATE_DIR/$1"
-	echo "kill $1" >>"$PROCD_STATE_DIR/journal"
 }

@@ -2,7 +2,6 @@
 python3-selenium), optionally inside a lab AP's network namespace, and what the page shows."""
 
 import contextlib
-import shutil
 import tempfile
 
 import pytest
@@ -22,22 +21,19 @@ def browser(netns=None, width=1400, height=900):
     from selenium import webdriver
     from selenium.webdriver.chrome.service import Service
 
-    profile = tempfile.mkdtemp(prefix="tarn-chromium-")
     options = webdriver.ChromeOptions()
-    for arg in ("--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage",
-                "--disable-extensions", f"--user-data-dir={profile}",
-                f"--window-size={width},{height}"):
-        options.add_argument(arg)
-    try:
-        with nsutil.netns_entered(netns) if netns else contextlib.nullcontext():
-            driver = webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
-            driver.set_script_timeout(30)
-            try:
-                yield driver
-            finally:
-                driver.quit()
-    finally:
-        shutil.rmtree(profile, ignore_errors=True)
+    profiles = tempfile.TemporaryDirectory(prefix="tarn-chromium-", ignore_cleanup_errors=True)
+    with profiles as profile, nsutil.netns_entered(netns) if netns else contextlib.nullcontext():
+        for arg in ("--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage",
+                    "--disable-extensions", f"--user-data-dir={profile}",
+                    f"--window-size={width},{height}"):
+            options.add_argument(arg)
+        driver = webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
+        driver.set_script_timeout(30)
+        try:
+            yield driver
+        finally:
+            driver.quit()
 
 
 def wait_until(driver, script, what, *args, timeout=30.0):
