@@ -77,11 +77,6 @@ def test_scenario_limits(scenario, refused):
 def test_daemons_log_debug_lines_only_when_asked(make_lab):
     lab = make_lab({"count": 2, "debug": False, "aps": [{}, {"daemon_args": ["-D"]}]})
     lab.wait_discovered(timeout=30)
-    argv = {}
-    for ap in lab.aps:
-        with open(f"/proc/{ap.daemon_pid}/cmdline", "rb") as cmdline:
-            argv[ap.name] = cmdline.read().split(b"\0")[1:-1]
-    assert argv == {"ap1": [], "ap2": [b"-D"]}
     # A driver report handled is a debug line on the AP that asked for them, none on the other.
     assert ["hand_receive" in ap.log_text() for ap in lab.aps] == [False, True]
 
