@@ -29,6 +29,7 @@
 #include "diag/info_watch.h"
 #include "proto/nbcp.h"
 #include "proto/nbcp_codes.h"
+#include "sandbox.h"
 
 namespace {
 
@@ -420,12 +421,6 @@ class InfoFiles : public ::testing::Test {
         struct stat st {};
         return lstat(path.c_str(), &st) == 0 ? static_cast<int>(st.st_mode) : -1;
     }
-    static void put_file(const info_string &path, const char *text) {
-        FILE *f = fopen(path.c_str(), "w");
-        ASSERT_NE(f, nullptr) << path;
-        fputs(text, f);
-        fclose(f);
-    }
 
     info_string dir_, own_;  // own_: this process's reply socket path
     info_cache_paths paths_;
@@ -473,7 +468,7 @@ TEST_F(InfoFiles, CacheIsTrustedOnlyWhenPrivateRootOwnedAndFresh) {
 
 TEST_F(InfoFiles, FilesAreMadePrivateAndNeverThroughAPlantedOne) {
     info_string victim = dir_ + "/victim";
-    put_file(victim, "keep");
+    sandbox::write_file(victim.c_str(), "keep");
     ASSERT_EQ(symlink(victim.c_str(), paths_.tmp.c_str()), 0);
     umask(0);
     ASSERT_TRUE(info_cache_write(paths_, {51, 0}));
@@ -484,8 +479,7 @@ TEST_F(InfoFiles, FilesAreMadePrivateAndNeverThroughAPlantedOne) {
     ASSERT_EQ(lstat(victim.c_str(), &st), 0);
     EXPECT_EQ(st.st_size, 4);
 
-    put_file(paths_.lock, "");
-    chmod(paths_.lock.c_str(), 0666);
+    sandbox::write_file(paths_.lock.c_str(), "", 0666);
     {
         info_cache_lock lock(paths_.lock, 0);
         EXPECT_TRUE(lock.held());
@@ -540,7 +534,7 @@ TEST_F(InfoFiles, ExchangeTakesAnAnswerUpToTheDatagramLimitFromItsOwnPath) {
     EXPECT_FALSE(info_exchange(dir_, 100, got, error));
     EXPECT_NE(error.find("no daemon"), std::string::npos) << error;
     EXPECT_NE(access(own_.c_str(), F_OK), 0);
-    put_file(own_, "");
+    sandbox::write_file(own_.c_str(), "");
     EXPECT_FALSE(info_exchange(dir_, 100, got, error));
     EXPECT_NE(error.find("not a socket"), std::string::npos) << error;
     EXPECT_EQ(access(own_.c_str(), F_OK), 0);
