@@ -12,8 +12,8 @@ import pytest
 from tarnlab import lab as labmod
 from tarnlab import nsutil
 from tarnlab import scenario as scen
-from tarnlab.nsutil import netns_entered, pid_alive
-from tarnsys import wait_for
+from tarnlab.nsutil import pid_alive
+from tarnsys import udp_socket_in, wait_for
 
 
 def leftovers(name, pids):
@@ -28,13 +28,7 @@ def leftovers(name, pids):
 
 def udp_reaches(sender, receiver, address, family):
     """True when a datagram sent from one AP to `address` arrives in the other."""
-    with netns_entered(receiver.netns):
-        rx = socket.socket(family, socket.SOCK_DGRAM)
-    with netns_entered(sender.netns):
-        tx = socket.socket(family, socket.SOCK_DGRAM)
-    with rx, tx:
-        rx.bind((address, 40123))
-        rx.settimeout(2)
+    with udp_socket_in(receiver, family, 40123) as rx, udp_socket_in(sender, family, 0) as tx:
         tx.sendto(b"lab", (address, 40123))
         return rx.recvfrom(16)[0] == b"lab"
 
