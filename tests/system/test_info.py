@@ -30,8 +30,7 @@ FOUR_APS = {"count": 4, "hears": [{"ap": "ap1", "hears": name, **radio}
 def info(ap, *args, timeout=30):
     """Runs tarn-info (the build's, on the lab's PATH) inside the AP like ap.exec, but safe to
     call from several threads at once."""
-    return subprocess.run(nsutil.nsenter_argv(ap.holder_pid) + ["env", "-i"] +
-                          [f"{k}={v}" for k, v in ap.env().items()] + ["tarn-info", *args],
+    return subprocess.run(nsutil.nsenter_argv(ap.holder_pid) + ["tarn-info", *args], env=ap.env(),
                           capture_output=True, text=True, timeout=timeout, stdin=subprocess.DEVNULL)
 
 
@@ -41,14 +40,13 @@ def neighbors(ap):
     return json.loads(result.stdout)["neighbors"]
 
 
-def answered_all(ap, count):
-    entries = neighbors(ap)
-    return entries if len(entries) == count and all(n["answered"] for n in entries) else None
-
-
 def four_ap_lab(make_lab):
     lab = make_lab(FOUR_APS)
-    return lab, wait_for(lambda: answered_all(lab["ap1"], 3), 30, what="ap1 listing ap2-ap4")
+
+    def answered_all():
+        entries = neighbors(lab["ap1"])
+        return entries if len(entries) == 3 and all(n["answered"] for n in entries) else None
+    return lab, wait_for(answered_all, 30, what="ap1 listing ap2-ap4")
 
 
 def cache_requests(ap):
