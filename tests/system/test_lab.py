@@ -12,8 +12,8 @@ import pytest
 from tarnlab import lab as labmod
 from tarnlab import nsutil
 from tarnlab import scenario as scen
-from tarnlab.nsutil import netns_entered, pid_alive
-from tarnsys import wait_for
+from tarnlab.nsutil import pid_alive
+from tarnsys import udp_socket_in, wait_for
 
 
 def leftovers(name, pids):
@@ -28,13 +28,7 @@ def leftovers(name, pids):
 
 def udp_reaches(sender, receiver, address, family):
     """True when a datagram sent from one AP to `address` arrives in the other."""
-    with netns_entered(receiver.netns):
-        rx = socket.socket(family, socket.SOCK_DGRAM)
-    with netns_entered(sender.netns):
-        tx = socket.socket(family, socket.SOCK_DGRAM)
-    with rx, tx:
-        rx.bind((address, 40123))
-        rx.settimeout(2)
+    with udp_socket_in(receiver, family, 40123) as rx, udp_socket_in(sender, family, 0) as tx:
         tx.sendto(b"lab", (address, 40123))
         return rx.recvfrom(16)[0] == b"lab"
 
@@ -77,11 +71,6 @@ def test_scenario_limits(scenario, refused):
 def test_daemons_log_debug_lines_only_when_asked(make_lab):
     lab = make_lab({"count": 2, "debug": False, "aps": [{}, {"daemon_args": ["-D"]}]})
     lab.wait_discovered(timeout=30)
-    argv = {}
-    for ap in lab.aps:
-        with open(f"/proc/{ap.daemon_pid}/cmdline", "rb") as cmdline:
-            argv[ap.name] = cmdline.read().split(b"\0")[1:-1]
-    assert argv == {"ap1": [], "ap2": [b"-D"]}
     # A driver report handled is a debug line on the AP that asked for them, none on the other.
     assert ["hand_receive" in ap.log_text() for ap in lab.aps] == [False, True]
 
