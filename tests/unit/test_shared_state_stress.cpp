@@ -38,19 +38,13 @@ bytes answer_of(const mac_addr &m, int k) {
     return out;
 }
 
-// The driver's event handled at once, as the receive thread does.
-void driver_event(driver_feed &feed, const bytes &payload) {
-    feed.send_event(payload);
-    hand_receive();
-}
-
 // The receive thread's part: one datagram handled at a time, as the real thread does.
 void receive_side(driver_feed &feed, int nbcp_rx, int peer, const sockaddr_in &to) {
     auto area = std::make_unique<nbcp_decode_area>();
     for (int i = 0; i < 1500; ++i) {
         const int n = i % kMacs;
         const uint32_t ip = htonl(0x7f000301 + static_cast<uint32_t>(n));  // 127.0.3.<n + 1>
-        driver_event(feed, heard{mac(static_cast<uint8_t>(n)), ip}.payload());
+        feed.deliver(heard{mac(static_cast<uint8_t>(n)), ip}.payload());
         if (i % 3 == 0) {
             bytes answer = answer_of(mac(static_cast<uint8_t>(n)), i);
             sendto(peer, answer.data(), answer.size(), 0, reinterpret_cast<const sockaddr *>(&to),
@@ -58,12 +52,12 @@ void receive_side(driver_feed &feed, int nbcp_rx, int peer, const sockaddr_in &t
             nbcp_receive(nbcp_rx, RECV_ADDR_IPV6, *area);
         }
         if (i % 5 == 0) {
-            driver_event(feed, op_with_mac(6, mac(static_cast<uint8_t>((n * 7) % kMacs))));
+            feed.deliver(op_with_mac(6, mac(static_cast<uint8_t>((n * 7) % kMacs))));
         }
         if (i % 11 == 0) {
             cached entry{mac(static_cast<uint8_t>((n + 13) % kMacs)), ip};
             entry.time = static_cast<uint32_t>(i);
-            driver_event(feed, cache_reply(1, {entry}));
+            feed.deliver(cache_reply(1, {entry}));
         }
     }
 }

@@ -68,7 +68,6 @@ TEST(SysinfoAddresses, ManagementAndClusterHeadAddressesReadAsOnTheAp) {
         const char *pvc_ip;
         const char *seen;  // qv_ip pvc_ip cluster_id
     } cases[] = {
-        {"10.2.3.4", "10.0.0.9", "10.2.3.4 10.0.0.9 7"},
         {"10.2.3.4 junk", "10.0.0.9 junk", "0.0.0.0 255.255.255.255 7"},
         {"10.2.3.4\\n", "010.0.0.9", "0.0.0.0 8.0.0.9 7"},
     };
@@ -80,8 +79,8 @@ TEST(SysinfoAddresses, ManagementAndClusterHeadAddressesReadAsOnTheAp) {
             Get_QV_ipaddr();
             get_cluster_info();
             neighbor_ap self = self_ap_snapshot();
-            return ip_text(htonl(self.info.qv_ip)) + " " + ip_text(htonl(self.info.pvc_ip)) +
-                   " " + std::to_string(self.info.cluster_id);
+            return ip_text(htonl(self.info.qv_ip)) + " " + ip_text(htonl(self.info.pvc_ip)) + " " +
+                   std::to_string(self.info.cluster_id);
         });
         EXPECT_EQ(seen, c.seen) << c.getqvinfo;
     }
