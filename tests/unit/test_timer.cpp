@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <functional>
 #include <sstream>
 #include <thread>
@@ -28,16 +29,14 @@ bool wait_until(Done &&done) {
 // The tags of the callbacks run so far, in order, and the service's clock at each run.
 struct FireLog {
     std::mutex mutex;
+    std::condition_variable recorded;
     std::string tags;
     std::vector<int64_t> seconds;
 
     // The tags once `count` callbacks have run, or when the deadline has passed.
     std::string wait_for(size_t count) {
-        wait_until([&] {
-            std::lock_guard<std::mutex> guard(mutex);
-            return seconds.size() >= count;
-        });
-        std::lock_guard<std::mutex> guard(mutex);
+        std::unique_lock<std::mutex> lock(mutex);
+        recorded.wait_for(lock, FIRE_DEADLINE, [&] { return seconds.size() >= count; });
         return tags;
     }
 };
@@ -61,6 +60,7 @@ void record_and_rearm(void *arg) {
         std::lock_guard<std::mutex> guard(shot->log->mutex);
         shot->log->tags += std::to_string(shot->tag) + " ";
         shot->log->seconds.push_back(timer_now().sec);
+        shot->log->recorded.notify_all();
     }
     if (--shot->runs_left > 0) {
         ASSERT_NE(timer_add(1, 0, record_and_rearm, shot), TIMER_ADD_FAILED);
@@ -194,22 +194,21 @@ TEST_F(TimerTest, CancelRemovesPendingTimersAndDropsAnArmedHeadAtItsAlarm) {
     EXPECT_EQ(listing(), "0:10 ");
 }
 
-std::atomic<bool> callback_entered{false};
-std::atomic<bool> callback_finished{false};
+std::atomic<int> slow_stage{0};  // 1 once entered, 2 once finished
 
 // Runs for a while; a sleep is a cancellation point, where a stop request must not end it.
 void slow_callback(void *) {
-    callback_entered = true;
+    slow_stage = 1;
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    callback_finished = true;
+    slow_stage = 2;
 }
 
 TEST_F(TimerTest, DestroyLetsRunningCallbackFinish) {
-    callback_entered = callback_finished = false;
+    slow_stage = 0;
     ASSERT_NE(timer_add(1, 0, slow_callback, nullptr), TIMER_ADD_FAILED);
-    ASSERT_TRUE(wait_until([] { return callback_entered.load(); }));
+    ASSERT_TRUE(wait_until([] { return slow_stage > 0; }));
     timer_service_destroy();
-    EXPECT_TRUE(callback_finished);
+    EXPECT_EQ(slow_stage, 2);
     ASSERT_EQ(timer_service_init(), 1);
 }
 
