@@ -57,7 +57,9 @@ TEST(DriverBeacon, BeaconRefreshOnlyWithWirelessVap) {
               "with vap: sent 1, calls [wifi0 tarn_bcnUpdate 1\nwifi1 tarn_bcnUpdate 1\n]\n");
 }
 
-TEST(DriverSend, SendersDeliverExactMessages) {
+// Every message shares this header and length; the other senders' operation and value bytes
+// are checked with the local control requests that send them.
+TEST(DriverSend, ApInformationMessageIsExact) {
     SKIP_WITHOUT_NETLINK();
     DriverSink sink;
     ASSERT_TRUE(sink.ready());
@@ -72,13 +74,8 @@ TEST(DriverSend, SendersDeliverExactMessages) {
     ap_info.insert(ap_info.end(), MAC.begin(), MAC.end());
     ap_info.push_back(20);
     max_ngbr_num = 20;
-    EXPECT_EQ(netlink_set_rssi(10), 0);
-    EXPECT_EQ(netlink_set_max_ngbr_num(16), 0);
-    EXPECT_EQ(netlink_aps_get(), 0);
     EXPECT_EQ(netlink_set_ipaddr(7), 0);
-    const std::vector<bytes> expected = {header_and({4, 10}), header_and({5, 16}),
-                                         header_and({2, 0}), header_and(ap_info)};
-    EXPECT_EQ(sink.take_all(), expected);
+    EXPECT_EQ(sink.take_all(), std::vector<bytes>{header_and(ap_info)});
     max_ngbr_num = MAX_NGBR_NUM_DEFAULT;
     std::lock_guard<std::mutex> guard(self_ap_lock);
     self_ap = neighbor_ap{};
