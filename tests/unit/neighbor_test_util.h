@@ -180,17 +180,12 @@ inline void add_entry(const mac_addr &m, uint32_t ip, uint32_t timestamp = 0) {
     neighbor_ap_add(m, entry);
 }
 
-// The pending timers, from the service's own listing: one line each.
+// The pending timers, from the service's own listing.
 inline std::string timer_listing() {
     fflush(stdout);
     testing::internal::CaptureStdout();
     timer_dump();
     return testing::internal::GetCapturedStdout();
-}
-
-inline size_t timers_pending() {
-    const std::string listing = timer_listing();
-    return std::count(listing.begin(), listing.end(), '\n');
 }
 
 // Whether the timer with this id is pending for `period` seconds after a moment between the
