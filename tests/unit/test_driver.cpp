@@ -113,7 +113,6 @@ class DriverEvents : public testing::Test {
     }
     void TearDown() override {
         neighbor_aps_clear();
-        set_ipaddr = 0;
         sock_send_nbcp = saved_send_;
     }
     driver_feed feed;

@@ -13,6 +13,7 @@
 #include "diag/show_client.h"
 #include "diag/show_tables.h"
 #include "neighbor/neighbor_table.h"
+#include "neighbor_test_util.h"
 #include "proto/nbcp.h"
 #include "static/static_store.h"
 #include "static_env.h"
@@ -113,11 +114,7 @@ TEST(NeighborDump, StaticNeighborsFollowTheTableWithOnlyTheirCopiedFields) {
     std::string seen = static_env::run([] {
         neighbor_table_init();
         for (int id : {2, 1}) {  // bucket 2 is walked after bucket 1 whatever the order added
-            std::lock_guard<std::mutex> guard(ngb_lock);
-            std::unique_ptr<neighbor_ap> entry = neighbor_ap_new();
-            entry->info = full_record(id);
-            mac_addr mac = entry->info.mac;
-            neighbor_ap_add(mac, entry);
+            ntest::add_entry(full_record(id).mac, 0);
         }
         for (int id : {8, 9}) {
             std::lock_guard<std::mutex> static_guard(stngbr_lock);
