@@ -1,17 +1,13 @@
 """System tests of tarn: real daemons in network and mount namespaces.
 
-Run as root:  /usr/bin/python3 -m pytest tests/system
-The binaries come from $TARN_BUILD_DIR (default <repo>/build). Without root every test that
-needs namespaces is reported as skipped, with the reason.
+Run as root (/usr/bin/python3 -m pytest tests/system); the binaries come from $TARN_BUILD_DIR
+(default <repo>/build). Without root every test that needs namespaces is skipped, with the reason.
 
-Fixtures:
-  node         one AP (ap1) with its own namespaces, stand-ins and an uplink, but no bridge,
-               no driver simulator and no daemon: the test starts tarn itself
-               (node.start_daemon(...), node.exec([...]), node.tarn(...)).
-  make_lab     make_lab(scenario, **options) -> a running tarnlab.Lab, torn down after the test
-               (options as for tarnlab.Lab: bridge, simulators, daemons).
-Whatever a test builds is removed after it, on failure, on Ctrl-C and at exit; labs left by a
-killed test run are removed when the next run starts.
+Fixtures: `node` is one AP (ap1) with its own namespaces, stand-ins and an uplink, but no bridge,
+no driver simulator and no daemon (the test starts tarn: node.start_daemon(...), node.tarn(...));
+`make_lab(scenario, **options)` gives a running tarnlab.Lab (options as for tarnlab.Lab). What a
+test builds is removed after it, on failure, on Ctrl-C and at exit; labs left by a killed test
+run are removed when the next run starts.
 """
 
 import itertools

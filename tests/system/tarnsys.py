@@ -17,21 +17,16 @@ NBCP_PORT = 32766
 LISTENING_LOG = "recv_thread: receive fd listening >>>>>"
 
 
-def nbcp_element(code, value):
-    return struct.pack(">HH", code, len(value)) + value
-
-
 def ndsp(mac, name, version, tenant, state=0, radios=4):
     """An answer (type 11, mode 0) describing `mac`, with `radios` radios."""
-    body = [nbcp_element(0x86, b"\x01"), nbcp_element(0x87, b"\x00"),
-            nbcp_element(0x89, drvproto.mac_bytes(mac)), nbcp_element(0x8c, bytes([state])),
-            nbcp_element(0x9a, tenant), nbcp_element(0x8d, version), nbcp_element(0x8e, name),
-            nbcp_element(0x8f, bytes([radios]))]
+    elements = [(0x86, b"\x01"), (0x87, b"\x00"), (0x89, drvproto.mac_bytes(mac)),
+                (0x8c, bytes([state])), (0x9a, tenant), (0x8d, version), (0x8e, name),
+                (0x8f, bytes([radios]))]
     for r in range(radios):
-        body += [nbcp_element(0x91, bytes([r])), nbcp_element(0x92, b"\x00"),
-                 nbcp_element(0x93, bytes([10 + r])), nbcp_element(0x94, b"\x00"),
-                 nbcp_element(0x9b, b"\x00"), nbcp_element(0x90, b"\x00")]
-    return bytes([0, 0, 0, 11]) + bytes(6) + b"".join(body) + b"\x00\x00"
+        elements += [(0x91, bytes([r])), (0x92, b"\x00"), (0x93, bytes([10 + r])),
+                     (0x94, b"\x00"), (0x9b, b"\x00"), (0x90, b"\x00")]
+    body = b"".join(struct.pack(">HH", code, len(value)) + value for code, value in elements)
+    return bytes([0, 0, 0, 11]) + bytes(6) + body + b"\x00\x00"
 
 
 def local_message(op, value=0, payload=b""):

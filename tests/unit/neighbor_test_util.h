@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "core/handlers.h"
 #include "core/settings.h"
 #include "neighbor/neighbor_table.h"
 #include "util/timer.h"
@@ -98,19 +99,25 @@ inline bytes cache_reply(uint8_t count, const std::vector<cached> &entries) {
     return b;
 }
 
-// A stand-in driver: a NETLINK_USERSOCK pair whose receiving end becomes sock_recv_hand.
+// A stand-in driver: a NETLINK_USERSOCK socket that becomes sock_recv_hand and sends each event
+// to its own port, where the daemon's driver socket would receive it.
 class driver_feed {
   public:
-    driver_feed() { sock_recv_hand = rx_; }
+    driver_feed() {
+        socklen_t len = sizeof port_;  // port id 0 at bind: the kernel picks a free one
+        if (fd_ >= 0 && bind(fd_, reinterpret_cast<sockaddr *>(&port_), len) == 0 &&
+            getsockname(fd_, reinterpret_cast<sockaddr *>(&port_), &len) == 0) {
+            sock_recv_hand = fd_;
+        }
+    }
     ~driver_feed() {
         sock_recv_hand = saved_hand_;
-        close(rx_);
-        close(tx_);
+        close(fd_);
     }
     driver_feed(const driver_feed &) = delete;
     driver_feed &operator=(const driver_feed &) = delete;
 
-    bool ready() const { return rx_ >= 0 && tx_ >= 0; }
+    bool ready() const { return fd_ >= 0 && sock_recv_hand == fd_; }
 
     // Sends payload behind a 16-byte netlink header, as the driver does.
     void send_event(const bytes &payload) {
@@ -118,37 +125,20 @@ class driver_feed {
         bytes msg(NLMSG_HDRLEN, 0);
         memcpy(msg.data(), &hdr, sizeof hdr);
         msg.insert(msg.end(), payload.begin(), payload.end());
-        sockaddr_nl dest{};
-        socklen_t len = sizeof dest;
-        getsockname(rx_, reinterpret_cast<sockaddr *>(&dest), &len);
-        sendto(tx_, msg.data(), msg.size(), 0, reinterpret_cast<sockaddr *>(&dest), len);
+        sendto(fd_, msg.data(), msg.size(), 0, reinterpret_cast<sockaddr *>(&port_), sizeof port_);
+    }
+
+    // Sends the event and handles it at once, as the receive thread does.
+    void deliver(const bytes &payload) {
+        send_event(payload);
+        hand_receive();
     }
 
   private:
-    // A netlink socket bound to a port of the kernel's choosing, or -1.
-    static int open_bound() {
-        int fd = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_USERSOCK);
-        sockaddr_nl addr{};
-        addr.nl_family = AF_NETLINK;
-        if (fd >= 0 && bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0) {
-            close(fd);
-            return -1;
-        }
-        return fd;
-    }
-
     int saved_hand_ = sock_recv_hand;
-    int rx_ = open_bound();
-    int tx_ = open_bound();
+    int fd_ = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_USERSOCK);
+    sockaddr_nl port_{AF_NETLINK, 0, 0, 0};
 };
-
-inline int count_of(const std::string &text, const std::string &what) {
-    int n = 0;
-    for (size_t pos = text.find(what); pos != std::string::npos; pos = text.find(what, pos + 1)) {
-        ++n;
-    }
-    return n;
-}
 
 // A copy of the table entry with this MAC; `found` tells whether there was one.
 struct entry_copy {

@@ -57,12 +57,10 @@ inline bool exists(const std::string &path) {
 inline std::string netlink_unavailable() {
     static const std::string reason = [] {
         int fd = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_USERSOCK);
-        if (fd >= 0) {
-            close(fd);
-            return std::string();
-        }
-        return errno == EPROTONOSUPPORT || errno == EAFNOSUPPORT ? std::string(strerror(errno))
-                                                                 : std::string();
+        bool missing = fd < 0 && (errno == EPROTONOSUPPORT || errno == EAFNOSUPPORT);
+        std::string why = missing ? strerror(errno) : "";
+        close(fd);
+        return why;
     }();
     return reason;
 }
@@ -112,10 +110,9 @@ inline std::string prepare_child() {
 
     // Log lines of the code under test go to a file the body can read.
     int log_fd = open(LOG_PATH, O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, 0644);
-    if (log_fd < 0) {
+    if (log_fd < 0 || dup2(log_fd, STDERR_FILENO) < 0) {
         return std::string("log file: ") + strerror(errno);
     }
-    dup2(log_fd, STDERR_FILENO);
     close(log_fd);
     setenv("TARN_LOG_STDERR", "1", 1);
     tarn_debug = 1;

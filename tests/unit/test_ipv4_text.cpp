@@ -57,8 +57,8 @@ TEST(Ipv4Text, ConvertsAsMusl) {
         {"040000000000", NONE},
         {"10.0xffff", "10.0.255.255"},
         {"10.0.0x10000", NONE},
-        {"08.0.0.1", NONE},     // 8 is no octal digit
-        {"0x.0.0.1", NONE},     // a prefix without a digit
+        {"08.0.0.1", NONE},  // 8 is no octal digit
+        {"0x.0.0.1", NONE},  // a prefix without a digit
         {"0xg", NONE},
         // Junk before, after and between; empty parts; signs.
         {"10.0.0.5 ", NONE},

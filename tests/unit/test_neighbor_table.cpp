@@ -14,10 +14,7 @@ namespace {
 
 class NeighborTableModel : public testing::TestWithParam<uint32_t> {
   protected:
-    void SetUp() override {
-        TearDown();
-        neighbor_table_init();
-    }
+    void SetUp() override { neighbor_table_init(); }
     void TearDown() override {
         neighbor_aps_clear();
         max_ngbr_num = MAX_NGBR_NUM_DEFAULT;
@@ -25,7 +22,7 @@ class NeighborTableModel : public testing::TestWithParam<uint32_t> {
 
     // Inserts a new entry as the driver event handler does; the timestamp marks its age and
     // `tag` (kept in age) tells entries apart in walks.
-    static int add(const mac_addr &mac, uint32_t timestamp, uint32_t tag = 0) {
+    static int add(const mac_addr &mac, uint32_t timestamp, uint32_t tag) {
         std::lock_guard<std::mutex> guard(ngb_lock);
         std::unique_ptr<neighbor_ap> entry = neighbor_ap_new();
         entry->mac = entry->info.mac = mac;

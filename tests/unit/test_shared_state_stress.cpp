@@ -28,42 +28,32 @@ using namespace ntest;
 
 constexpr int kMacs = 40;
 
-bytes answer_of(const mac_addr &m, int k) {
-    nbcp_ndsp a{};
-    a.kind_flag = 1;
-    a.mac = m;
-    a.info.state = static_cast<uint8_t>(k % 3);
-    bytes out(NBCP_NDSP_MAX);
-    out.resize(nbcp_build_ndsp(out.data(), &a));
-    return out;
-}
-
-// The driver's event handled at once, as the receive thread does.
-void driver_event(driver_feed &feed, const bytes &payload) {
-    feed.send_event(payload);
-    hand_receive();
-}
-
-// The receive thread's part: one datagram handled at a time, as the real thread does.
-void receive_side(driver_feed &feed, int nbcp_rx, int peer, const sockaddr_in &to) {
+// The receive thread's part: one datagram handled at a time, as the real thread does. The
+// answers come from the nbcp socket itself.
+void receive_side(driver_feed &feed, int nbcp_rx, const sockaddr_in &to) {
     auto area = std::make_unique<nbcp_decode_area>();
     for (int i = 0; i < 1500; ++i) {
         const int n = i % kMacs;
         const uint32_t ip = htonl(0x7f000301 + static_cast<uint32_t>(n));  // 127.0.3.<n + 1>
-        driver_event(feed, heard{mac(static_cast<uint8_t>(n)), ip}.payload());
+        nbcp_ndsp answer{};
+        answer.kind_flag = 1;
+        answer.mac = mac(static_cast<uint8_t>(n));
+        answer.info.state = static_cast<uint8_t>(i % 3);
+        feed.deliver(heard{answer.mac, ip}.payload());
         if (i % 3 == 0) {
-            bytes answer = answer_of(mac(static_cast<uint8_t>(n)), i);
-            sendto(peer, answer.data(), answer.size(), 0, reinterpret_cast<const sockaddr *>(&to),
+            bytes sent(NBCP_NDSP_MAX);
+            sent.resize(nbcp_build_ndsp(sent.data(), &answer));
+            sendto(nbcp_rx, sent.data(), sent.size(), 0, reinterpret_cast<const sockaddr *>(&to),
                    sizeof to);
             nbcp_receive(nbcp_rx, RECV_ADDR_IPV6, *area);
         }
         if (i % 5 == 0) {
-            driver_event(feed, op_with_mac(6, mac(static_cast<uint8_t>((n * 7) % kMacs))));
+            feed.deliver(op_with_mac(6, mac(static_cast<uint8_t>((n * 7) % kMacs))));
         }
         if (i % 11 == 0) {
             cached entry{mac(static_cast<uint8_t>((n + 13) % kMacs)), ip};
             entry.time = static_cast<uint32_t>(i);
-            driver_event(feed, cache_reply(1, {entry}));
+            feed.deliver(cache_reply(1, {entry}));
         }
     }
 }
@@ -89,7 +79,6 @@ TEST(DiscoveryStress, ReceiveTimerAndBusThreadsShareTheTable) {
     sock_send_nbcp = -1;  // probes to new neighbors go nowhere
     driver_feed feed;
     int nbcp_rx = socket(AF_INET, SOCK_DGRAM, 0);
-    int peer = socket(AF_INET, SOCK_DGRAM, 0);
     sockaddr_in to{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
     socklen_t len = sizeof to;
     bind(nbcp_rx, reinterpret_cast<sockaddr *>(&to), len);
@@ -117,13 +106,12 @@ TEST(DiscoveryStress, ReceiveTimerAndBusThreadsShareTheTable) {
             bad_walks += !consistent_walk(limit_in_force);
         }
     });
-    receive_side(feed, nbcp_rx, peer, to);
+    receive_side(feed, nbcp_rx, to);
     done = true;
     timer.join();
     bus.join();
     EXPECT_EQ(bad_walks, 0);
     close(nbcp_rx);
-    close(peer);
     neighbor_aps_clear();
     max_ngbr_num = MAX_NGBR_NUM_DEFAULT;
 }
