@@ -59,7 +59,9 @@ inline std::string netlink_unavailable() {
         int fd = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_USERSOCK);
         bool missing = fd < 0 && (errno == EPROTONOSUPPORT || errno == EAFNOSUPPORT);
         std::string why = missing ? strerror(errno) : "";
-        close(fd);
+        if (fd >= 0) {
+            close(fd);
+        }
         return why;
     }();
     return reason;
